@@ -1,0 +1,3 @@
+#include "app/Varnock.h"
+
+int main(int argc, char** argv) { return runVarnock(argc, argv); }

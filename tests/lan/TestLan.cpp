@@ -1,0 +1,198 @@
+#include "TestLan.h"
+
+#include <fcntl.h>
+#include <sched.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+#include <thread>
+
+namespace {
+
+std::string readFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::stringstream s;
+  s << in.rdbuf();
+  return s.str();
+}
+
+// Runs argv (no shell) and waits for it; standard output and error go to the
+// given files, or are inherited when empty.
+pid_t startProcess(const std::vector<std::string>& argv, const std::string& outPath,
+                   const std::string& errPath) {
+  std::vector<char*> args;
+  for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+  args.push_back(nullptr);
+  pid_t pid = fork();
+  if (pid == 0) {
+    int devnull = open("/dev/null", O_RDONLY);
+    if (devnull >= 0) dup2(devnull, 0);
+    if (!outPath.empty()) {
+      int fd = open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+      if (fd >= 0) dup2(fd, 1);
+    }
+    if (!errPath.empty()) {
+      int fd = open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+      if (fd >= 0) dup2(fd, 2);
+    }
+    // Children must not be stopped by the test's own process group signals.
+    setpgid(0, 0);
+    execvp(args[0], args.data());
+    _exit(127);
+  }
+  return pid;
+}
+
+int decodeStatus(int status) {
+  if (WIFEXITED(status)) return WEXITSTATUS(status);
+  if (WIFSIGNALED(status)) return 128 + WTERMSIG(status);
+  return -1;
+}
+
+int waitFor(pid_t pid, std::chrono::milliseconds timeout) {
+  auto end = std::chrono::steady_clock::now() + timeout;
+  int status = 0;
+  while (true) {
+    pid_t r = waitpid(pid, &status, WNOHANG);
+    if (r == pid) return decodeStatus(status);
+    if (r < 0) return -1;
+    if (std::chrono::steady_clock::now() >= end) return -2;
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+}
+
+int shell(const std::vector<std::string>& argv) {
+  pid_t pid = startProcess(argv, "", "");
+  return pid < 0 ? -1 : waitFor(pid, std::chrono::minutes(5));
+}
+
+}  // namespace
+
+bool TestLan::haveRoot() { return geteuid() == 0; }
+
+std::string TestLan::script(const std::string& name) {
+  return std::string(VARNOCK_LAN_DIR) + "/" + name;
+}
+
+TestLan::TestLan(std::vector<int> deviceHosts, int finderHost, std::string net)
+    : net_(std::move(net)), hosts_(std::move(deviceHosts)) {
+  static std::atomic<int> counter{0};
+  name_ = "vk" + std::to_string(getpid() % 100000) + "x" + std::to_string(counter++);
+  char dir[] = "/tmp/varnock-lan.XXXXXX";
+  if (mkdtemp(dir)) scratch_ = dir;
+  if (!haveRoot()) return;
+  std::vector<std::string> argv{script("lan.sh"),          "up", name_, "--net", net_, "--finder",
+                                std::to_string(finderHost)};
+  for (int h : hosts_) argv.push_back(std::to_string(h));
+  ok_ = shell(argv) == 0;
+}
+
+TestLan::~TestLan() {
+  if (homeNetns_ >= 0) {
+    setns(homeNetns_, CLONE_NEWNET);
+    close(homeNetns_);
+  }
+  for (pid_t pid : children_) stop(pid, std::chrono::milliseconds(2000));
+  if (haveRoot()) shell({script("lan.sh"), "down", name_});
+  if (!scratch_.empty()) shell({"rm", "-rf", scratch_});
+}
+
+std::string TestLan::ip(int host) const {
+  if (host >= 256) {
+    auto dot = net_.rfind('.');
+    return net_.substr(0, dot + 1) + std::to_string(std::stoi(net_.substr(dot + 1)) + 1) + "." +
+           std::to_string(host - 256);
+  }
+  return net_ + "." + std::to_string(host);
+}
+
+std::string TestLan::ns(const std::string& node) const {
+  if (node == "finder") return name_ + "-f";
+  return name_ + "-" + node;
+}
+
+pid_t TestLan::spawn(const std::string& node, const std::vector<std::string>& argv,
+                     const std::string& logPath) {
+  std::vector<std::string> full{"ip", "netns", "exec", ns(node)};
+  full.insert(full.end(), argv.begin(), argv.end());
+  pid_t pid = startProcess(full, logPath, logPath);
+  if (pid > 0) children_.push_back(pid);
+  return pid;
+}
+
+int TestLan::stop(pid_t pid, std::chrono::milliseconds grace) {
+  int status = waitFor(pid, std::chrono::milliseconds(0));
+  if (status == -2) {
+    kill(pid, SIGTERM);
+    status = waitFor(pid, grace);
+    if (status == -2) {
+      kill(pid, SIGKILL);
+      status = waitFor(pid, std::chrono::seconds(5));
+    }
+  }
+  return status;
+}
+
+TestLan::Result TestLan::run(const std::string& node, const std::vector<std::string>& argv,
+                             std::chrono::milliseconds timeout) {
+  static std::atomic<int> counter{0};
+  int n = counter++;
+  std::string out = scratch_ + "/run" + std::to_string(n) + ".out";
+  std::string err = scratch_ + "/run" + std::to_string(n) + ".err";
+  std::vector<std::string> full{"ip", "netns", "exec", ns(node)};
+  full.insert(full.end(), argv.begin(), argv.end());
+  Result r;
+  pid_t pid = startProcess(full, out, err);
+  r.status = waitFor(pid, timeout);
+  if (r.status == -2) {
+    kill(pid, SIGKILL);
+    waitFor(pid, std::chrono::seconds(5));
+    r.status = -1;
+  }
+  r.out = readFile(out);
+  r.err = readFile(err);
+  return r;
+}
+
+bool TestLan::enter(const std::string& node) {
+  if (!ok_) return false;
+  if (homeNetns_ < 0) homeNetns_ = open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC);
+  int fd = open(("/run/netns/" + ns(node)).c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return false;
+  bool entered = setns(fd, CLONE_NEWNET) == 0;
+  close(fd);
+  return entered;
+}
+
+bool TestLan::waitForPort(const std::string& node, const std::string& proto, int port,
+                          std::chrono::milliseconds timeout) {
+  auto end = std::chrono::steady_clock::now() + timeout;
+  std::string flag = proto == "udp" ? "-lunH" : "-ltnH";
+  while (std::chrono::steady_clock::now() < end) {
+    Result r = run(node, {"ss", flag, "sport = :" + std::to_string(port)},
+                   std::chrono::milliseconds(5000));
+    if (r.status == 0 && !r.out.empty()) return true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  return false;
+}
+
+pid_t TestLan::startMdnsResponder(const std::string& node, const std::string& hostName) {
+  std::string log = scratch_ + "/avahi-" + hostName + ".log";
+  std::vector<std::string> argv{script("mdns-responder.sh"), ns(node), hostName};
+  pid_t pid = startProcess(argv, log, log);
+  if (pid <= 0) return pid;
+  children_.push_back(pid);
+  auto end = std::chrono::steady_clock::now() + std::chrono::seconds(15);
+  while (std::chrono::steady_clock::now() < end) {
+    if (readFile(log).find("successfully established") != std::string::npos) return pid;
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  return -1;
+}

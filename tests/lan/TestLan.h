@@ -1,0 +1,70 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <string>
+#include <vector>
+
+/// A simulated LAN for one test (see lan.sh): created by the constructor and
+/// removed, with every process started in it, by the destructor. Tests call
+/// VARNOCK_REQUIRE_LAN() first: without root they are skipped.
+class TestLan {
+ public:
+  struct Result {
+    int status = -1;  ///< exit status, or 128 + signal, or -1 when it was killed on timeout
+    std::string out;
+    std::string err;
+  };
+
+  /// Device hosts by host number; the finder is `finderHost`. Addresses are
+  /// `net`.HOST (a /23 when a host number is above 254).
+  explicit TestLan(std::vector<int> deviceHosts, int finderHost = 1, std::string net = "10.0.0");
+  ~TestLan();
+  TestLan(const TestLan&) = delete;
+  TestLan& operator=(const TestLan&) = delete;
+
+  static bool haveRoot();
+  /// Path of a file in the source tree's tests/lan folder.
+  static std::string script(const std::string& name);
+
+  bool ok() const { return ok_; }
+  std::string ip(int host) const;
+  /// Namespace name of "finder", "br" or "dHOST".
+  std::string ns(const std::string& node) const;
+  static std::string device(int host) { return "d" + std::to_string(host); }
+
+  /// Starts argv in the node's namespace in the background; its standard output
+  /// and error go to `logPath` when given. Killed (by PID) at teardown.
+  pid_t spawn(const std::string& node, const std::vector<std::string>& argv,
+              const std::string& logPath = "");
+  /// Sends SIGTERM and waits up to `grace`, then SIGKILL; returns the exit status.
+  int stop(pid_t pid, std::chrono::milliseconds grace = std::chrono::milliseconds(3000));
+  /// Runs argv in the node's namespace to its end (killed after `timeout`).
+  Result run(const std::string& node, const std::vector<std::string>& argv,
+             std::chrono::milliseconds timeout = std::chrono::milliseconds(60000));
+  /// Moves the calling thread (and threads it starts later) into the node's
+  /// network namespace; the destructor moves it back.
+  bool enter(const std::string& node = "finder");
+  /// Waits until a TCP or UDP port is bound in the node (`proto` "tcp" or "udp").
+  bool waitForPort(const std::string& node, const std::string& proto, int port,
+                   std::chrono::milliseconds timeout = std::chrono::milliseconds(10000));
+  /// Starts an avahi-daemon in the node that announces an "_http._tcp" service
+  /// on port 80 under `hostName`; waits until it runs.
+  pid_t startMdnsResponder(const std::string& node, const std::string& hostName);
+
+ private:
+  std::string name_;
+  std::string net_;
+  std::vector<int> hosts_;
+  bool ok_ = false;
+  int homeNetns_ = -1;
+  std::vector<pid_t> children_;
+  std::string scratch_;
+};
+
+#define VARNOCK_REQUIRE_LAN()                                                        \
+  do {                                                                               \
+    if (!TestLan::haveRoot())                                                        \
+      GTEST_SKIP() << "needs root to build the simulated LAN of network namespaces"; \
+  } while (0)
