@@ -1,0 +1,53 @@
+#!/usr/bin/env bash
+# Installs what is needed, builds, and runs every test: the plain build, the
+# AddressSanitizer + UndefinedBehaviorSanitizer build (with the fuzz targets,
+# each run for a bounded time), the ThreadSanitizer build of the threaded
+# parts, and the formatting check. Run as root: the network tests build their
+# own namespaces (without root they skip themselves).
+#   scripts/test.sh [fuzz-seconds-per-target]
+set -euo pipefail
+root=$(cd "$(dirname "$0")/.." && pwd)
+fuzz_seconds=${1:-15}
+out="$root/build-ci"
+cd "$root"
+
+step() { printf '\n== %s (%ss)\n' "$*" "$SECONDS"; }
+
+step "setup"
+bash scripts/setup.sh --no-build
+
+step "format"
+git ls-files '*.cpp' '*.h' | xargs clang-format --dry-run --Werror
+
+# CTest's own summary line closes each run.
+run_ctest() {  # DIR [ctest args]
+  local dir=$1; shift
+  (cd "$dir" && ctest -j2 --output-on-failure --timeout 300 "$@")
+}
+
+step "plain build"
+cmake -S . -B "$out/plain" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVARNOCK_WERROR=ON \
+  -DVARNOCK_BENCH=OFF >/dev/null
+cmake --build "$out/plain" -j2
+step "plain tests"
+run_ctest "$out/plain"
+
+step "AddressSanitizer + UndefinedBehaviorSanitizer build"
+cmake -S . -B "$out/asan" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_COMPILER=clang++ \
+  -DCMAKE_CXX_FLAGS=-O1 -DVARNOCK_WERROR=ON -DVARNOCK_SANITIZE_ADDRESS=ON -DVARNOCK_FUZZ=ON \
+  -DVARNOCK_BENCH=OFF >/dev/null
+cmake --build "$out/asan" -j2
+step "AddressSanitizer + UndefinedBehaviorSanitizer tests"
+ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 run_ctest "$out/asan"
+step "fuzzing, ${fuzz_seconds}s per target"
+bash fuzz/run.sh "$out/asan" "$fuzz_seconds"
+
+step "ThreadSanitizer build (threaded parts)"
+cmake -S . -B "$out/tsan" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_COMPILER=clang++ \
+  -DCMAKE_CXX_FLAGS=-O1 -DVARNOCK_WERROR=ON -DVARNOCK_SANITIZE_THREAD=ON -DVARNOCK_BENCH=OFF >/dev/null
+tsan_targets=(app_test morl_test http_test varnock varnock-device)
+cmake --build "$out/tsan" -j2 --target "${tsan_targets[@]}"
+step "ThreadSanitizer tests"
+TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 run_ctest "$out/tsan" -L '^(app_test|morl_test|http_test)$'
+
+step "all passed"
