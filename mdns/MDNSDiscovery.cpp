@@ -101,18 +101,30 @@ void formatAddress(const sockaddr* addr, size_t addrlen, char* out, size_t capac
     std::snprintf(out, capacity, "%s:%s", host, service);
 }
 
+// The sender's address text, converted once per datagram: every record of it
+// has the same sender.
+struct SenderText {
+  bool converted = false;
+  char text[64];
+};
+
 int query_callback(int /*sock*/, const sockaddr* from, size_t addrlen, mdns_entry_type /*entry*/,
                    uint16_t /*queryId*/, uint16_t /*rtype*/, uint16_t /*rclass*/, uint32_t /*ttl*/,
                    const void* /*data*/, size_t /*size*/, size_t /*nameOffset*/,
                    size_t /*nameLength*/, size_t /*recordOffset*/, size_t /*recordLength*/,
-                   void* /*userData*/) {
-  char text[64];
-  formatAddress(from, addrlen, text, sizeof text);
+                   void* userData) {
+  SenderText local;
+  SenderText& sender = userData ? *static_cast<SenderText*>(userData) : local;
+  if (!sender.converted) {
+    formatAddress(from, addrlen, sender.text, sizeof sender.text);
+    sender.converted = true;
+  }
   // Cutting at the first ':' drops the port of an IPv4 sender; an IPv6 sender
   // keeps only "[" and its first group, which later stages treat as no address.
-  const size_t length = strnlen(text, sizeof text - 1);
-  const char* colon = static_cast<const char*>(std::memchr(text, ':', length));
-  MDNS_Discover::AddIP(std::string(text, colon ? static_cast<size_t>(colon - text) : length));
+  const size_t length = strnlen(sender.text, sizeof sender.text - 1);
+  const char* colon = static_cast<const char*>(std::memchr(sender.text, ':', length));
+  MDNS_Discover::AddIP(
+      std::string(sender.text, colon ? static_cast<size_t>(colon - sender.text) : length));
   return 0;
 }
 
@@ -264,15 +276,16 @@ size_t mdns_read_reply(const void* buffer, size_t size, const sockaddr* from, si
     offset += 4;
   }
   // The ID is not compared with our own query's: answers to anybody's query count.
+  SenderText sender;
   size_t counted = 0;
   counted += mdns_records_parse(sock, from, addrlen, buffer, size, &offset, MDNS_ENTRYTYPE_ANSWER,
-                                queryId, answers, query_callback, nullptr);
+                                queryId, answers, query_callback, &sender);
   counted +=
       mdns_records_parse(sock, from, addrlen, buffer, size, &offset, MDNS_ENTRYTYPE_AUTHORITY,
-                         queryId, authorities, query_callback, nullptr);
+                         queryId, authorities, query_callback, &sender);
   counted +=
       mdns_records_parse(sock, from, addrlen, buffer, size, &offset, MDNS_ENTRYTYPE_ADDITIONAL,
-                         queryId, additionals, query_callback, nullptr);
+                         queryId, additionals, query_callback, &sender);
   return counted;
 }
 
