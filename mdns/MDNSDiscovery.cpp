@@ -223,7 +223,10 @@ int openIPv6Socket(sockaddr_in6* saddr, unsigned short port) {
     return -1;
   }
   setsockopt(sock, IPPROTO_IPV6, IPV6_MULTICAST_IF, &anyInterface, sizeof anyInterface);
+  // A scope left over from a link-local address means nothing for "::" and
+  // would only show up as "%N" in the log line.
   saddr->sin6_addr = in6addr_any;
+  saddr->sin6_scope_id = 0;
   if (bind(sock, reinterpret_cast<const sockaddr*>(saddr), sizeof *saddr) != 0 ||
       !makeNonBlocking(sock)) {
     close(sock);
