@@ -215,7 +215,6 @@ void HostnameGetter::gather(std::vector<Entry>& entries) {
   }
 
   std::vector<std::thread> requests;
-  requests.reserve(entries.size());
   for (Entry& entry : entries) {
     if (!entry.device_type.empty() && entry.device_type != "unknown") continue;
     // Without a runner no step would ever complete, so nothing is asked then; a
