@@ -1,6 +1,11 @@
 #include "app/Varnock.h"
 
+#include <iostream>
+
 #include "app/CommandLine.h"
+#include "app/IPCollector.h"
+#include "app/ResultPrinter.h"
+#include "http/HostnameGetter.h"
 #include "qm/log.h"
 
 int runVarnock(int argc, char** argv) {
@@ -11,10 +16,22 @@ int runVarnock(int argc, char** argv) {
   bool all = false;
   unsigned short mdnsWait = 5;
   unsigned short morlWait = 5;
+  // Accepted for compatibility; the HTTP deadlines are fixed.
   unsigned short requestTimeout = 1000;
   if (!handleCommandLine(argc, argv, verbose, mdnsOnly, morlOnly, json, all, mdnsWait, morlWait,
                          requestTimeout))
     return 0;
   logEnable(verbose);
+
+  IPCollector collector(mdnsWait, morlWait);
+  // Each switch suppresses the other method: with both, nothing runs.
+  if (!morlOnly) collector.RunMDNS();
+  if (!mdnsOnly) collector.RunMORL();
+  collector.Join();
+  std::vector<Entry> entries = collector.GetAllEntriesCollected();
+
+  HostnameGetter::gather(entries);
+  logd("Result:");
+  printResult(std::cout, entries, json, all);
   return 0;
 }
