@@ -202,6 +202,34 @@ TEST(MDNSDiscoverLan, ZeroWaitEndsAtOnceAndOneSecondOfSilenceIsWaitedOut) {
   EXPECT_EQ(found(), Addresses{});
 }
 
+// Answers the first query it hears with one A record, four times, 0.6 s apart.
+const char* kSlowResponder =
+    "import socket,struct,time\n"
+    "s=socket.socket(socket.AF_INET,socket.SOCK_DGRAM)\n"
+    "s.setsockopt(socket.SOL_SOCKET,socket.SO_REUSEADDR,1)\n"
+    "s.bind(('0.0.0.0',5353))\n"
+    "s.setsockopt(socket.IPPROTO_IP,socket.IP_ADD_MEMBERSHIP,"
+    "socket.inet_aton('224.0.0.251')+socket.inet_aton('0.0.0.0'))\n"
+    "d,a=s.recvfrom(2048)\n"
+    "r=struct.pack('>6H',0,0x8400,0,1,0,0)+b'\\x03dev\\x00'+struct.pack('>HHIH',1,1,120,4)"
+    "+socket.inet_aton('10.0.0.20')\n"
+    "for i in range(4):\n"
+    "  time.sleep(0.6)\n"
+    "  s.sendto(r,a)\n";
+
+TEST(MDNSDiscoverLan, EveryReplyRestartsTheSilenceTimeSlow) {
+  VARNOCK_REQUIRE_LAN();
+  TestLan lan({20});
+  ASSERT_TRUE(lan.ok());
+  lan.spawn(TestLan::device(20), {"/usr/bin/python3", "-c", kSlowResponder});
+  ASSERT_TRUE(lan.waitForPort(TestLan::device(20), "udp", 5353));
+  ASSERT_TRUE(lan.enter("finder"));
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_EQ(MDNS_Discover().send_mdns_request(1), 1);
+  EXPECT_GE(millisecondsSince(start), 3400);
+  EXPECT_EQ(found(), Addresses(4, "10.0.0.20"));
+}
+
 TEST(MDNSDiscoverLan, VerboseLogOfOneIPv4AndOneIPv6Socket) {
   VARNOCK_REQUIRE_LAN();
   TestLan lan({20});

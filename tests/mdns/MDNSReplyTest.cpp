@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <cstring>
 #include <memory>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -19,6 +20,8 @@ struct ReplyCase {
   Sender sender;
   std::vector<std::string> recorded;
 };
+
+void PrintTo(const ReplyCase& c, std::ostream* os) { *os << c.name; }
 
 std::vector<std::string> recordedAddresses() {
   std::vector<std::string> ips;
@@ -209,7 +212,7 @@ TEST(MDNSQuery, TooSmallBufferGivesZero) {
   EXPECT_EQ(mdns_build_query(buffer, 34, 0x8001), 34u);
 }
 
-TEST(MDNSReply, RecordsAccumulateWithoutDeduplication) {
+TEST(MDNSRecords, AccumulateWithoutDeduplication) {
   MDNS_Discover::entries.clear();
   MDNS_Discover::AddIP("10.0.0.9");
   const std::vector<uint8_t> d = typicalReply("dev");
