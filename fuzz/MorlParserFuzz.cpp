@@ -3,13 +3,17 @@
 #include <cstdlib>
 
 #include "morl/MORLParser.h"
+#include "tests/codec/ReferenceScan.h"
 
-// The tolerant scan over any payload, then a full walk asking for every block
-// class in turn, then a walk that takes each block by its reported type.
+// The tolerant scan over any payload, checked block for block against the
+// plain scan, then a full walk asking for every block class in turn, then a
+// walk that takes each block by its reported type.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  MORLParser parser(QM::Span<const unsigned char>(data, size), 0x0A000002u, 0xFFFFFFFFu);
+  const QM::Span<const unsigned char> payload(data, size);
+  MORLParser parser(payload, 0x0A000002u, 0xFFFFFFFFu);
   const unsigned long count = parser.getTotalBlockCount();
   if (count > MORLParser::MaxBlockCount) std::abort();
+  if (parserBlocks(parser, payload) != referenceScan(payload)) std::abort();
 
   MORL::BlockType type;
   for (unsigned long i = 0; i < count; ++i) {

@@ -1,11 +1,13 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <random>
 #include <string>
 
 #include "morl/Header.h"
 #include "morl/MORLParser.h"
 #include "tests/codec/Bytes.h"
+#include "tests/codec/ReferenceScan.h"
 
 namespace {
 
@@ -232,6 +234,42 @@ TEST(MorlParser, StopsCollectingAtSixteenBlocks) {
   std::vector<int> expected;
   for (int i = 0; i < 16; ++i) expected.push_back(i);
   EXPECT_EQ(serviceValuesOf(p), expected);
+}
+
+}  // namespace
+
+namespace {
+
+TEST(MorlParser, ScanMatchesPlainScanOnMutatedPayloads) {
+  const Bytes valid = info("d14e") + service(2, 1) + unknownBlock(23) + service(4, 2) + tame(7);
+  std::mt19937 rng(1024);
+  for (int round = 0; round < 3000; ++round) {
+    Bytes payload = valid;
+    const int edits = 1 + static_cast<int>(rng() % 6);
+    for (int e = 0; e < edits; ++e) {
+      const std::size_t at = rng() % payload.size();
+      switch (rng() % 3) {
+        case 0:
+          payload[at] = static_cast<unsigned char>(rng());
+          break;
+        case 1:
+          payload.erase(payload.begin() + static_cast<long>(at));
+          break;
+        default:
+          payload.insert(payload.begin() + static_cast<long>(at),
+                         static_cast<unsigned char>(rng()));
+          break;
+      }
+      if (payload.empty()) payload.push_back(0);
+    }
+    if (round % 3 == 0) {  // plain garbage as well
+      payload.resize(rng() % 300);
+      for (auto& b : payload) b = static_cast<unsigned char>(rng());
+    }
+    MORLParser parser(view(payload), 0, 0);
+    ASSERT_EQ(parserBlocks(parser, view(payload)), referenceScan(view(payload)))
+        << "round " << round << ": " << toHex(payload);
+  }
 }
 
 }  // namespace
