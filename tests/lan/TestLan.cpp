@@ -15,13 +15,6 @@
 
 namespace {
 
-std::string readFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream s;
-  s << in.rdbuf();
-  return s.str();
-}
-
 // Runs argv (no shell) and waits for it; standard output and error go to the
 // given files, or are inherited when empty.
 pid_t startProcess(const std::vector<std::string>& argv, const std::string& outPath,
@@ -75,6 +68,23 @@ int shell(const std::vector<std::string>& argv) {
 }  // namespace
 
 bool TestLan::haveRoot() { return geteuid() == 0; }
+
+std::string TestLan::readText(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::stringstream s;
+  s << in.rdbuf();
+  return s.str();
+}
+
+bool TestLan::waitForText(const std::string& path, const std::string& text,
+                          std::chrono::milliseconds timeout) {
+  auto end = std::chrono::steady_clock::now() + timeout;
+  while (readText(path).find(text) == std::string::npos) {
+    if (std::chrono::steady_clock::now() >= end) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  return true;
+}
 
 std::string TestLan::script(const std::string& name) {
   return std::string(VARNOCK_LAN_DIR) + "/" + name;
@@ -155,8 +165,8 @@ TestLan::Result TestLan::run(const std::string& node, const std::vector<std::str
     waitFor(pid, std::chrono::seconds(5));
     r.status = -1;
   }
-  r.out = readFile(out);
-  r.err = readFile(err);
+  r.out = TestLan::readText(out);
+  r.err = TestLan::readText(err);
   return r;
 }
 
@@ -189,10 +199,5 @@ pid_t TestLan::startMdnsResponder(const std::string& node, const std::string& ho
   pid_t pid = startProcess(argv, log, log);
   if (pid <= 0) return pid;
   children_.push_back(pid);
-  auto end = std::chrono::steady_clock::now() + std::chrono::seconds(15);
-  while (std::chrono::steady_clock::now() < end) {
-    if (readFile(log).find("successfully established") != std::string::npos) return pid;
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  }
-  return -1;
+  return waitForText(log, "successfully established", std::chrono::seconds(15)) ? pid : -1;
 }

@@ -25,10 +25,16 @@ class TestLan {
   TestLan& operator=(const TestLan&) = delete;
 
   static bool haveRoot();
+  static std::string readText(const std::string& path);
+  /// Polls the file until it holds `text`.
+  static bool waitForText(const std::string& path, const std::string& text,
+                          std::chrono::milliseconds timeout = std::chrono::milliseconds(10000));
   /// Path of a file in the source tree's tests/lan folder.
   static std::string script(const std::string& name);
 
   bool ok() const { return ok_; }
+  /// A path in the LAN's scratch folder, removed at teardown.
+  std::string scratchFile(const std::string& name) const { return scratch_ + "/" + name; }
   std::string ip(int host) const;
   /// Namespace name of "finder", "br" or "dHOST".
   std::string ns(const std::string& node) const;
