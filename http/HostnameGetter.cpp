@@ -155,10 +155,10 @@ bool HostnameGetter::applyInfo(const std::string& body, Entry& entry) {
     if (!reader->parse(body.data(), body.data() + body.size(), &parsed, nullptr)) return false;
     // Members are read through const access only: it never turns a null into an object.
     const Json::Value& root = parsed;
-    // A root or "data" that is neither an object nor null has no members; reading
-    // them would throw, so such a reply is unusable and the record stays as it was.
-    if (!root.isObject() && !root.isNull()) return false;
-    Json::Value data = root["data"];
+    // A root or "data" that is neither an object nor null has no members, and
+    // reading them would throw: it counts as a reply without "data", whose
+    // missing members are written as empty strings.
+    Json::Value data = root.isObject() ? root["data"] : Json::Value();
     if (data.isObject()) {
       Json::Value reduced(Json::objectValue);
       for (const char* key : kInfoKeys) {
@@ -166,8 +166,8 @@ bool HostnameGetter::applyInfo(const std::string& body, Entry& entry) {
         if (!value.isNull()) reduced[key] = value;
       }
       data = std::move(reduced);
-    } else if (!data.isNull()) {
-      return false;
+    } else {
+      data = Json::Value();
     }
     const Json::Value& fields = data;
     std::string text[3];

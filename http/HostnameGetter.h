@@ -24,8 +24,9 @@ class HostnameGetter {
   /// the exchange has ended; `ioc` must be run by other threads meanwhile.
   static void SendRequest(Entry& entry, boost::asio::io_context& ioc);
 
-  /// Writes name, version and device_type from an info reply's body. Returns
-  /// false, leaving the record unchanged, when the body is not JSON or its
-  /// "data" (or one of the three members) has a shape that has no text form.
+  /// Writes name, version and device_type from an info reply's body; a member
+  /// the reply lacks (or a "data" that is not an object) is written as empty.
+  /// Returns false, leaving the record unchanged, when the body is not JSON or
+  /// one of the three members is an array or object, which have no text form.
   static bool applyInfo(const std::string& body, Entry& entry);
 };
