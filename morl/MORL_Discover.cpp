@@ -46,6 +46,26 @@ class ServerStop {
   bool stopped = false;
 };
 
+// Attaches the run's endpoint to the manager for the lifetime of this object.
+// Switching the manager off again at the end keeps a later run of the same
+// object from handing early datagrams to an endpoint that no longer exists.
+class Attachment {
+ public:
+  Attachment(MORLManager& manager, std::mutex& mutex, IMORLEndpoint& endpoint)
+      : manager(manager), mutex(mutex) {
+    std::lock_guard<std::mutex> lock(mutex);
+    manager.init(&endpoint);
+  }
+  ~Attachment() {
+    std::lock_guard<std::mutex> lock(mutex);
+    manager.init(nullptr);
+  }
+
+ private:
+  MORLManager& manager;
+  std::mutex& mutex;
+};
+
 }  // namespace
 
 bool MORL_Discover::discover(unsigned int seconds) {
@@ -57,10 +77,10 @@ bool MORL_Discover::discover(unsigned int seconds) {
     {
       IoThread ioThread(context);
       ControllerInfo controller(entries, server);
+      Attachment attached(manager, runMutex, controller);
       const unsigned char anyone[12] = {};
       {
         std::lock_guard<std::mutex> lock(runMutex);
-        manager.init(&controller);
         manager.sendRequest(MORL::Header::Discovery, 0xFFFFFFFF, anyone, nullptr);
       }
       if (seconds != 0) std::this_thread::sleep_for(std::chrono::seconds(seconds));
