@@ -59,18 +59,30 @@ for h in "${morl_hosts[@]}" "${mdns_hosts[@]}"; do wait_for "$work/d$h.log" read
 for h in "${mdns_hosts[@]}"; do wait_for "$work/avahi-$h.log" "successfully established"; done
 echo "LAN up: $morl MORL devices, $mdns mDNS + HTTP devices"
 
-# Peak threads: sampled every 5 ms from /proc while the run lasts.
+# Peak threads: sampled every millisecond from /proc while the run lasts.
+cat >"$work/threads.py" <<'PY'
+import os, sys, time
+runner = int(sys.argv[1]); peak = 0; target = None
+def threads(pid):
+    try:
+        with open(f"/proc/{pid}/status") as f: status = f.read()
+    except OSError: return None
+    if not status.startswith("Name:\tvarnock\n"): return None
+    return int(status.split("Threads:\t")[1].split()[0])
+while os.path.exists(f"/proc/{runner}"):
+    if target is None:
+        for pid in os.listdir("/proc"):
+            if pid.isdigit() and threads(pid) is not None: target = pid; break
+    else:
+        n = threads(target)
+        if n is None: break
+        peak = max(peak, n)
+print(peak)
+PY
 "$L" exec "$lan" finder -- /usr/bin/time -f "%e %U %S %M" -o "$work/time" \
   "$build/app/varnock" -M 1 -T 1 --json >"$work/out.json" 2>"$work/err" &
 runner=$!
-peak=0
-while kill -0 "$runner" 2>/dev/null; do
-  for p in $(pgrep -x varnock 2>/dev/null || true); do
-    t=$(awk '/^Threads:/{print $2}' "/proc/$p/status" 2>/dev/null || echo 0)
-    [ "${t:-0}" -gt "$peak" ] && peak=$t
-  done
-  sleep 0.005
-done
+peak=$(/usr/bin/python3 "$work/threads.py" "$runner")
 wait "$runner" || true
 read -r wall user sys rss <"$work/time"
 listed=$(grep -c '"ip"' "$work/out.json" || true)
