@@ -45,23 +45,6 @@ Scratch::~Scratch() {
   if (!dir.empty()) std::filesystem::remove_all(dir, ignored);
 }
 
-std::string readText(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream s;
-  s << in.rdbuf();
-  return s.str();
-}
-
-bool waitForText(const std::string& path, const std::string& text,
-                 std::chrono::milliseconds timeout) {
-  auto end = std::chrono::steady_clock::now() + timeout;
-  while (std::chrono::steady_clock::now() < end) {
-    if (readText(path).find(text) != std::string::npos) return true;
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
-  return false;
-}
-
 std::vector<unsigned char> fromHex(const std::string& hex) {
   std::vector<unsigned char> bytes;
   for (std::size_t i = 0; i + 1 < hex.size(); i += 2)

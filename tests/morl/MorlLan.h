@@ -4,6 +4,8 @@
 #include <string>
 #include <vector>
 
+#include "TestLan.h"
+
 /// Helpers of the MORL tests on the simulated LAN.
 namespace morltest {
 
@@ -25,10 +27,12 @@ class Scratch {
   std::string dir;
 };
 
-std::string readText(const std::string& path);
+inline std::string readText(const std::string& path) { return TestLan::readText(path); }
 /// Waits until the file holds `text`.
-bool waitForText(const std::string& path, const std::string& text,
-                 std::chrono::milliseconds timeout = std::chrono::milliseconds(10000));
+inline bool waitForText(const std::string& path, const std::string& text,
+                        std::chrono::milliseconds timeout = std::chrono::milliseconds(10000)) {
+  return TestLan::waitForText(path, text, timeout);
+}
 
 struct Datagram {
   std::string from;
