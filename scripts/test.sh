@@ -7,7 +7,7 @@
 #   scripts/test.sh [fuzz-seconds-per-target]
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
-fuzz_seconds=${1:-15}
+fuzz_seconds=${1:-45}
 out="$root/build-ci"
 cd "$root"
 
@@ -22,7 +22,7 @@ git ls-files '*.cpp' '*.h' | xargs clang-format --dry-run --Werror
 # CTest's own summary line closes each run.
 run_ctest() {  # DIR [ctest args]
   local dir=$1; shift
-  (cd "$dir" && ctest -j2 --output-on-failure --timeout 300 "$@")
+  (cd "$dir" && ctest -j2 --output-on-failure --timeout 120 "$@")
 }
 
 step "plain build"
