@@ -6,6 +6,25 @@
 
 namespace po = boost::program_options;
 
+namespace boost {
+// The options library reads unsigned numbers with a cast that wraps "-1" round
+// to 65535, which would turn `-M -1` into an 18-hour wait. Only plain decimal
+// digits are taken as an unsigned 16-bit value; anything else is the library's
+// own invalid-value error. Found through boost::any, so it serves every
+// value<unsigned short> option.
+void validate(boost::any& v, const std::vector<std::string>& values, unsigned short*, int) {
+  po::validators::check_first_occurrence(v);
+  const std::string& text = po::validators::get_single_string(values);
+  if (text.empty() || text.find_first_not_of("0123456789") != std::string::npos)
+    throw po::invalid_option_value(text);
+  try {
+    v = boost::any(boost::lexical_cast<unsigned short>(text));
+  } catch (const boost::bad_lexical_cast&) {
+    throw po::invalid_option_value(text);
+  }
+}
+}  // namespace boost
+
 bool handleCommandLine(int argc, char** argv, bool& verbose, bool& mdnsOnly, bool& morlOnly,
                        bool& json, bool& all, unsigned short& mdnsWait, unsigned short& morlWait,
                        unsigned short& requestTimeout) {

@@ -153,6 +153,10 @@ TEST(CommandLine, RejectedArgumentsReportTheErrorAndPrintHelp) {
       {{"-M", "70000"}, "the argument ('70000') for option '--mdns-wait' is invalid"},
       {{"-T", "x"}, "the argument ('x') for option '--morl-wait' is invalid"},
       {{"-r", "1e3"}, "the argument ('1e3') for option '--request-timeout' is invalid"},
+      {{"-M", "-1"}, "the argument ('-1') for option '--mdns-wait' is invalid"},
+      {{"--morl-wait=+5"}, "the argument ('+5') for option '--morl-wait' is invalid"},
+      {{"-r", " 7"}, "the argument (' 7') for option '--request-timeout' is invalid"},
+      {{"-T", "65536"}, "the argument ('65536') for option '--morl-wait' is invalid"},
       {{"-j", "-M"}, "the required argument for option '--mdns-wait' is missing"},
       {{"--json=yes"}, "option '--json' does not take any arguments"},
   };
