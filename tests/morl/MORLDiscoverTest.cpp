@@ -188,11 +188,8 @@ TEST(MorlDiscover, TakenPortWritesTheErrorAndReturnsFalse) {
   pid_t listener = lan.spawn("d2", peer({"listen", "--wait", "10000"}), scratch.path("d2"));
   ASSERT_TRUE(waitForText(scratch.path("d2"), "ready\n"));
   ASSERT_TRUE(lan.enter());
-  int fd = socket(AF_INET, SOCK_DGRAM, 0);
-  sockaddr_in a{};
-  a.sin_family = AF_INET;
-  a.sin_port = htons(4792);
-  ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a), 0);
+  int fd = occupyUdpPort(4792);
+  ASSERT_GE(fd, 0);
 
   std::string expected;
   try {

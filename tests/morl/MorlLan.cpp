@@ -1,5 +1,7 @@
 #include "MorlLan.h"
 
+#include <netinet/in.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -43,6 +45,18 @@ Scratch::Scratch() {
 Scratch::~Scratch() {
   std::error_code ignored;
   if (!dir.empty()) std::filesystem::remove_all(dir, ignored);
+}
+
+int occupyUdpPort(unsigned short port) {
+  int fd = socket(AF_INET, SOCK_DGRAM, 0);
+  sockaddr_in a{};
+  a.sin_family = AF_INET;
+  a.sin_port = htons(port);
+  if (fd >= 0 && bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0) {
+    close(fd);
+    fd = -1;
+  }
+  return fd;
 }
 
 std::vector<unsigned char> fromHex(const std::string& hex) {

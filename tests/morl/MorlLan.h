@@ -34,6 +34,10 @@ inline bool waitForText(const std::string& path, const std::string& text,
   return TestLan::waitForText(path, text, timeout);
 }
 
+/// Binds a UDP socket to 0.0.0.0:`port` in the calling thread's namespace, so
+/// that nobody else can; returns its descriptor, or -1.
+int occupyUdpPort(unsigned short port);
+
 struct Datagram {
   std::string from;
   std::vector<unsigned char> bytes;

@@ -141,11 +141,8 @@ TEST(UdpServer, TakenPortMakesInitThrow) {
   TestLan lan({});
   ASSERT_TRUE(lan.ok());
   ASSERT_TRUE(lan.enter());
-  int fd = socket(AF_INET, SOCK_DGRAM, 0);
-  sockaddr_in a{};
-  a.sin_family = AF_INET;
-  a.sin_port = htons(4792);
-  ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a), 0);
+  int fd = occupyUdpPort(4792);
+  ASSERT_GE(fd, 0);
   Collector collector;
   boost::asio::io_context context;
   udp_server server(&collector);
