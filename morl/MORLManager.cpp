@@ -23,6 +23,20 @@ bool isZeroUuid(const unsigned char (&uuid)[12]) {
   return sameUuid(uuid, zero);
 }
 
+// The header fields requests and responses fill alike: the sender is this
+// endpoint, and it offers unicast replies when the endpoint takes them.
+MORL::Header outgoingHeader(const IMORLEndpoint& e, MORL::Header::Type type, unsigned char flag,
+                            std::uint16_t sequence, const unsigned char (&destinationUuid)[12]) {
+  MORL::Header header;
+  header.type = type;
+  header.flags = flag;
+  if (e.unicastSupported()) header.flags |= MORL::Header::FlagUnicast;
+  header.sequenceNumber = sequence;
+  e.getMyUUID(header.sourceUuid);
+  std::memcpy(header.destinationUuid, destinationUuid, 12);
+  return header;
+}
+
 }  // namespace
 
 MORLManager::MORLManager() : endpoint(nullptr), nextSequence(0), pendingSequence(0) {}
@@ -117,13 +131,8 @@ bool MORLManager::sendRequest(MORL::Header::Type type, unsigned int address,
   if (e == nullptr) return false;
 
   const std::uint16_t sequence = nextSequence;
-  MORL::Header header;
-  header.type = type;
-  header.flags = MORL::Header::FlagRequest;
-  if (e->unicastSupported()) header.flags |= MORL::Header::FlagUnicast;
-  header.sequenceNumber = sequence;
-  e->getMyUUID(header.sourceUuid);
-  std::memcpy(header.destinationUuid, destinationUuid, 12);
+  MORL::Header header =
+      outgoingHeader(*e, type, MORL::Header::FlagRequest, sequence, destinationUuid);
   header.payloadLength = 0;
 
   unsigned char buffer[BufferSize];
@@ -144,13 +153,8 @@ bool MORLManager::sendResponse(MORL::Header::Type type, unsigned int address,
   unsigned char buffer[BufferSize];
   const QM::Span<MORL::SupportedServiceBlock const> services = e->getSupportedServiceSet();
 
-  MORL::Header header;
-  header.type = type;
-  header.flags = MORL::Header::FlagResponse;
-  if (e->unicastSupported()) header.flags |= MORL::Header::FlagUnicast;
-  header.sequenceNumber = sequenceNumber;
-  e->getMyUUID(header.sourceUuid);
-  std::memcpy(header.destinationUuid, destinationUuid, 12);
+  MORL::Header header =
+      outgoingHeader(*e, type, MORL::Header::FlagResponse, sequenceNumber, destinationUuid);
   const unsigned long payloadLength =
       type == MORL::Header::Tame
           ? MORL::TameStatusBlock::PackedSize
