@@ -8,9 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <sstream>
-#include <thread>
 
 #include "morl/DeviceInfoBlock.h"
 #include "morl/Header.h"
