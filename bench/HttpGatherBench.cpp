@@ -1,5 +1,5 @@
 // gather over 200 records on the simulated LAN (needs root; run it through
-// tests/lan/isolated.sh so the LAN vanishes with the process):
+// lab/isolated.sh so the LAN vanishes with the process):
 //   Answering100ms - every device answers after 100 ms: about one answer's time
 //   AnsweringAtOnce - every device answers at once: the cost of the exchanges
 //   SilentServers  - every device accepts and never answers: one read deadline
@@ -18,7 +18,7 @@
 #include <thread>
 #include <vector>
 
-#include "TestLan.h"
+#include "Lan.h"
 #include "http/HostnameGetter.h"
 
 namespace {
@@ -40,10 +40,10 @@ int threadsNow() {
   return 0;
 }
 
-class Lan {
+class GatherLan {
  public:
-  static Lan& get() {
-    static Lan lan;
+  static GatherLan& get() {
+    static GatherLan lan;
     return lan;
   }
   bool ok() const { return ok_; }
@@ -53,12 +53,12 @@ class Lan {
     if (server_ > 0) lan_.stop(server_);
     std::vector<std::string> argv{"/usr/bin/python3", VARNOCK_HTTP_TEST_DIR "/info_server.py"};
     argv.insert(argv.end(), args.begin(), args.end());
-    server_ = lan_.spawn(TestLan::device(kServerHost), argv, "/dev/null");
-    return server_ > 0 && lan_.waitForPort(TestLan::device(kServerHost), "tcp", 80);
+    server_ = lan_.spawn(Lan::device(kServerHost), argv, "/dev/null");
+    return server_ > 0 && lan_.waitForPort(Lan::device(kServerHost), "tcp", 80);
   }
 
  private:
-  Lan() : lan_({kServerHost, kEdgeHost}) {
+  GatherLan() : lan_({kServerHost, kEdgeHost}) {
     if (!lan_.ok()) {
       std::fprintf(stderr, "the simulated LAN could not be built\n");
       return;
@@ -72,8 +72,8 @@ class Lan {
       silent += "neigh add " + addressOf(kSilentBase, i) +
                 " lladdr 02:00:00:00:00:99 dev eth0 nud permanent\n";
     }
-    ok_ = batch(TestLan::device(kServerHost), server) && batch("finder", silent) &&
-          lan_.enter("finder");
+    ok_ =
+        batch(Lan::device(kServerHost), server) && batch("finder", silent) && lan_.enter("finder");
   }
 
   bool batch(const std::string& node, const std::string& commands) {
@@ -85,7 +85,7 @@ class Lan {
     return r.status == 0;
   }
 
-  TestLan lan_;
+  Lan lan_;
   bool ok_ = false;
   pid_t server_ = -1;
 };
@@ -125,7 +125,7 @@ void gatherAll(benchmark::State& state, int base, const std::string& filledName)
 }
 
 void Answering100ms(benchmark::State& state) {
-  if (!Lan::get().ok() || !Lan::get().serve({"--delay-ms", "100"})) {
+  if (!GatherLan::get().ok() || !GatherLan::get().serve({"--delay-ms", "100"})) {
     state.SkipWithError("simulated LAN not available (needs root)");
     return;
   }
@@ -134,7 +134,7 @@ void Answering100ms(benchmark::State& state) {
 
 // The same without the devices' delay: what the exchange itself costs.
 void AnsweringAtOnce(benchmark::State& state) {
-  if (!Lan::get().ok() || !Lan::get().serve({})) {
+  if (!GatherLan::get().ok() || !GatherLan::get().serve({})) {
     state.SkipWithError("simulated LAN not available (needs root)");
     return;
   }
@@ -142,7 +142,7 @@ void AnsweringAtOnce(benchmark::State& state) {
 }
 
 void SilentServers(benchmark::State& state) {
-  if (!Lan::get().ok() || !Lan::get().serve({"--silent"})) {
+  if (!GatherLan::get().ok() || !GatherLan::get().serve({"--silent"})) {
     state.SkipWithError("simulated LAN not available (needs root)");
     return;
   }
@@ -150,7 +150,7 @@ void SilentServers(benchmark::State& state) {
 }
 
 void SilentAddresses(benchmark::State& state) {
-  if (!Lan::get().ok()) {
+  if (!GatherLan::get().ok()) {
     state.SkipWithError("simulated LAN not available (needs root)");
     return;
   }

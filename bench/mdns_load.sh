@@ -2,7 +2,7 @@
 # Load check of the mDNS discovery: a simulated LAN with COUNT device
 # namespaces, each with its own avahi-daemon announcing "_http._tcp", and one
 # discovery run in the finder with a 1-second silence time. Passes when every
-# device address is found. Runs itself inside tests/lan/isolated.sh, so the LAN
+# device address is found. Runs itself inside lab/isolated.sh, so the LAN
 # and every responder vanish with it. Needs root.
 #   bench/mdns_load.sh BUILD_DIR [COUNT]
 set -euo pipefail
@@ -17,7 +17,7 @@ driver=$build/bench/mdns_discover_driver
 [ "$count" -ge 1 ] && [ "$count" -le 250 ] || { echo "mdns_load: COUNT from 1 to 250" >&2; exit 2; }
 
 if [ -z "${VARNOCK_MDNS_LOAD_ISOLATED:-}" ]; then
-  VARNOCK_MDNS_LOAD_ISOLATED=1 exec "$root/tests/lan/isolated.sh" "$0" "$build" "$count"
+  VARNOCK_MDNS_LOAD_ISOLATED=1 exec "$root/lab/isolated.sh" "$0" "$build" "$count"
 fi
 
 lan=mload
@@ -26,7 +26,7 @@ pids=()
 cleanup() {
   for pid in "${pids[@]}"; do kill -TERM "$pid" 2>/dev/null || true; done
   for pid in "${pids[@]}"; do wait "$pid" 2>/dev/null || true; done
-  "$root/tests/lan/lan.sh" down "$lan" || true
+  "$root/lab/lan.sh" down "$lan" || true
   rm -rf "$work"
 }
 trap cleanup EXIT
@@ -34,9 +34,9 @@ trap cleanup EXIT
 hosts=$(seq 2 $((count + 1)))
 start=$(date +%s.%N)
 # shellcheck disable=SC2086
-"$root/tests/lan/lan.sh" up "$lan" $hosts
+"$root/lab/lan.sh" up "$lan" $hosts
 for h in $hosts; do
-  "$root/tests/lan/mdns-responder.sh" "$("$root/tests/lan/lan.sh" ns "$lan" "d$h")" "device$h" \
+  "$root/lab/mdns-responder.sh" "$("$root/lab/lan.sh" ns "$lan" "d$h")" "device$h" \
     >"$work/avahi-$h.log" 2>&1 &
   pids+=($!)
 done
@@ -51,11 +51,11 @@ done
 ready=$(date +%s.%N)
 echo "LAN of $count responders up in $(awk "BEGIN{printf \"%.1f\", $ready - $start}") s"
 
-"$root/tests/lan/lan.sh" exec "$lan" finder -- "$driver" 1 >"$work/found" 2>"$work/stats"
+"$root/lab/lan.sh" exec "$lan" finder -- "$driver" 1 >"$work/found" 2>"$work/stats"
 cat "$work/stats"
 missing=0
 for h in $hosts; do
-  ip=$("$root/tests/lan/lan.sh" ip "$lan" "$h")
+  ip=$("$root/lab/lan.sh" ip "$lan" "$h")
   grep -qx "$ip" "$work/found" || { echo "missing $ip"; missing=$((missing + 1)); }
 done
 ipv4=$(grep -c '^10\.' "$work/found" || true)

@@ -4,7 +4,7 @@
 # Prints, per LAN size, the records found, the time discover(1) took and the
 # finder namespace's UDP receive-buffer errors during the run.
 #
-#   tests/lan/isolated.sh bench/morl_load.sh BUILD_DIR [N...]     (default N: 250 500)
+#   lab/isolated.sh bench/morl_load.sh BUILD_DIR [N...]     (default N: 250 500)
 #
 # N up to 253 gives a /24 (hosts 2..N+1); more gives a /23. Needs root; every
 # namespace and process is gone when isolated.sh returns.
@@ -15,7 +15,7 @@ shift
 sizes=("$@")
 [ ${#sizes[@]} -gt 0 ] || sizes=(250 500)
 here=$(cd "$(dirname "$0")/.." && pwd)
-lan=$here/tests/lan/lan.sh
+lan=$here/lab/lan.sh
 device=$build/device/varnock-device
 driver=$build/bench/morl_discover_driver
 [ -x "$device" ] && [ -x "$driver" ] || { echo "build varnock-device and morl_discover_driver in $build" >&2; exit 2; }

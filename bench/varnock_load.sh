@@ -5,7 +5,7 @@
 # its wall time against the 1 s both waits impose, CPU time, peak memory and
 # peak threads; then browses the same mDNS devices with python3-zeroconf's
 # ServiceBrowser from the finder for comparison. Runs itself inside
-# tests/lan/isolated.sh, so everything vanishes with it. Needs root.
+# lab/isolated.sh, so everything vanishes with it. Needs root.
 #   bench/varnock_load.sh BUILD_DIR [MORL_COUNT [MDNS_COUNT]]
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
@@ -16,11 +16,11 @@ mdns=${3:-50}
 [ "$(id -u)" -eq 0 ] || { echo "varnock_load: needs root" >&2; exit 2; }
 [ $((morl + mdns)) -le 500 ] || { echo "varnock_load: at most 500 devices" >&2; exit 2; }
 if [ -z "${VARNOCK_LOAD_ISOLATED:-}" ]; then
-  VARNOCK_LOAD_ISOLATED=1 exec "$root/tests/lan/isolated.sh" "$0" "$build" "$morl" "$mdns"
+  VARNOCK_LOAD_ISOLATED=1 exec "$root/lab/isolated.sh" "$0" "$build" "$morl" "$mdns"
 fi
 
 lan=vload
-L="$root/tests/lan/lan.sh"
+L="$root/lab/lan.sh"
 work=$(mktemp -d)
 pids=()
 cleanup() {
@@ -48,7 +48,7 @@ for h in "${mdns_hosts[@]}"; do
   "$L" exec "$lan" "d$h" -- "$build/device/varnock-device" --name "http-$h" --service 2:1 \
     --no-morl >"$work/d$h.log" 2>&1 &
   pids+=($!)
-  "$root/tests/lan/mdns-responder.sh" "$("$L" ns "$lan" "d$h")" "device$h" >"$work/avahi-$h.log" 2>&1 &
+  "$root/lab/mdns-responder.sh" "$("$L" ns "$lan" "d$h")" "device$h" >"$work/avahi-$h.log" 2>&1 &
   pids+=($!)
 done
 wait_for() {  # FILE TEXT

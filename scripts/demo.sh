@@ -13,13 +13,13 @@ if [ "${1:-}" != "--in-lan" ]; then
   [ "$(id -u)" -eq 0 ] || { echo "demo.sh: run as root (it builds network namespaces)" >&2; exit 1; }
   bash scripts/setup.sh
   # Private mount and PID namespaces: nothing the demo starts can outlive it.
-  exec tests/lan/isolated.sh bash "$0" --in-lan
+  exec lab/isolated.sh bash "$0" --in-lan
 fi
 
 lan=demo
 bin="$root/build"
 logs=$(mktemp -d)
-trap 'tests/lan/lan.sh down $lan; rm -rf "$logs"' EXIT
+trap 'lab/lan.sh down $lan; rm -rf "$logs"' EXIT
 
 wait_for() {  # FILE TEXT
   for _ in $(seq 1 300); do grep -q "$2" "$1" 2>/dev/null && return 0; sleep 0.05; done
@@ -27,14 +27,14 @@ wait_for() {  # FILE TEXT
 }
 device() {  # HOST ARGS...
   local host=$1; shift
-  tests/lan/lan.sh exec $lan "d$host" -- "$bin/device/varnock-device" "$@" >"$logs/d$host.log" 2>&1 &
+  lab/lan.sh exec $lan "d$host" -- "$bin/device/varnock-device" "$@" >"$logs/d$host.log" 2>&1 &
 }
 responder() {  # HOST
-  tests/lan/mdns-responder.sh "$lan-d$1" "device-$1" >"$logs/mdns$1.log" 2>&1 &
+  lab/mdns-responder.sh "$lan-d$1" "device-$1" >"$logs/mdns$1.log" 2>&1 &
 }
 
 echo "Building a simulated LAN: finder 10.0.0.1, devices 10.0.0.10-12, 10.0.0.20-21"
-tests/lan/lan.sh up $lan 10 11 12 20 21
+lab/lan.sh up $lan 10 11 12 20 21
 device 10 --name Pallor-Main --software-version 2.4.1 --service 2:1 --no-http
 device 11 --name Dorn-Hall-2 --software-version 1.0.3 --service 0:7 --no-http
 device 12 --name Brask-Gate --software-version 2.0.0 --service 1:1
@@ -48,7 +48,7 @@ echo "  MORL only: 10.0.0.10, 10.0.0.11, 10.0.0.21; mDNS + HTTP only: 10.0.0.20;
 
 echo
 echo "\$ varnock -M 2 -T 2"
-tests/lan/lan.sh exec $lan finder -- "$bin/app/varnock" -M 2 -T 2
+lab/lan.sh exec $lan finder -- "$bin/app/varnock" -M 2 -T 2
 echo
 echo "\$ varnock --json -M 2 -T 2"
-tests/lan/lan.sh exec $lan finder -- "$bin/app/varnock" --json -M 2 -T 2
+lab/lan.sh exec $lan finder -- "$bin/app/varnock" --json -M 2 -T 2

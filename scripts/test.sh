@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Installs what is needed, builds, and runs every test: the plain build, the
+# Installs what is needed, builds, and runs every test: the plain build (with
+# line and branch coverage of each product folder), the
 # AddressSanitizer + UndefinedBehaviorSanitizer build (with the fuzz targets,
 # each run for a bounded time), the ThreadSanitizer build of the threaded
 # parts, and the formatting check. Run as root: the network tests build their
@@ -25,12 +26,17 @@ run_ctest() {  # DIR [ctest args]
   (cd "$dir" && ctest -j2 --output-on-failure --timeout 120 "$@")
 }
 
-step "plain build"
-cmake -S . -B "$out/plain" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVARNOCK_WERROR=ON \
-  -DVARNOCK_BENCH=OFF >/dev/null
+# The plain suite runs in a clang build instrumented for source-based coverage;
+# the varnock and varnock-device processes the tests start write profiles too.
+step "plain build (coverage)"
+cmake -S . -B "$out/plain" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_COMPILER=clang++ \
+  -DVARNOCK_WERROR=ON -DVARNOCK_COVERAGE=ON -DVARNOCK_BENCH=OFF >/dev/null
 cmake --build "$out/plain" -j2
 step "plain tests"
-run_ctest "$out/plain"
+rm -rf "$out/plain/profiles"
+LLVM_PROFILE_FILE="$out/plain/profiles/%4m.profraw" run_ctest "$out/plain"
+step "coverage"
+bash scripts/coverage.sh "$out/plain"
 
 step "AddressSanitizer + UndefinedBehaviorSanitizer build"
 cmake -S . -B "$out/asan" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_COMPILER=clang++ \

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "TestLan.h"
+#include "RequireLan.h"
 
 // The real varnock binary on a simulated LAN of real simulated devices,
 // real mDNS responders and real HTTP info servers.
@@ -19,19 +19,19 @@ std::string binary(const std::string& relative) {
   return std::string(dir ? dir : ".") + "/" + relative;
 }
 
-void startDevice(TestLan& lan, int host, const Args& args) {
+void startDevice(Lan& lan, int host, const Args& args) {
   std::string log = lan.scratchFile("device" + std::to_string(host) + ".log");
   Args argv{binary("device/varnock-device")};
   argv.insert(argv.end(), args.begin(), args.end());
-  ASSERT_GT(lan.spawn(TestLan::device(host), argv, log), 0);
-  ASSERT_TRUE(TestLan::waitForText(log, "ready")) << TestLan::readText(log);
+  ASSERT_GT(lan.spawn(Lan::device(host), argv, log), 0);
+  ASSERT_TRUE(Lan::waitForText(log, "ready")) << Lan::readText(log);
 }
 
-void startResponder(TestLan& lan, int host) {
-  ASSERT_GT(lan.startMdnsResponder(TestLan::device(host), "device-" + std::to_string(host)), 0);
+void startResponder(Lan& lan, int host) {
+  ASSERT_GT(lan.startMdnsResponder(Lan::device(host), "device-" + std::to_string(host)), 0);
 }
 
-TestLan::Result varnock(TestLan& lan, const Args& args) {
+Lan::Result varnock(Lan& lan, const Args& args) {
   Args argv{binary("app/varnock")};
   argv.insert(argv.end(), args.begin(), args.end());
   return lan.run("finder", argv);
@@ -63,9 +63,9 @@ class MixedLan : public testing::Test {
  protected:
   void SetUp() override {
     VARNOCK_REQUIRE_LAN();
-    lan_ = std::make_unique<TestLan>(std::vector<int>{7, 9, 10, 11, 20, 21, 22});
+    lan_ = std::make_unique<Lan>(std::vector<int>{7, 9, 10, 11, 20, 21, 22});
     ASSERT_TRUE(lan_->ok());
-    TestLan& lan = *lan_;
+    Lan& lan = *lan_;
     startDevice(lan, 7, {"--name", "Ctrl", "--software-version", "", "--no-http"});
     startDevice(lan, 9,
                 {"--name", "Dorn-9", "--software-version", "1.0", "--service", "0:1", "--no-http"});
@@ -85,7 +85,7 @@ class MixedLan : public testing::Test {
     for (int host : {11, 20, 22}) startResponder(lan, host);
   }
 
-  std::unique_ptr<TestLan> lan_;
+  std::unique_ptr<Lan> lan_;
 };
 
 const char* kMixedText =
@@ -196,7 +196,7 @@ TEST_F(MixedLan, VerboseRunLogsEverySubsystemBeforeTheResult) {
 
 TEST(VarnockLan, FailedMorlDiscoveryIsReportedAndMdnsDevicesStillListed) {
   VARNOCK_REQUIRE_LAN();
-  TestLan lan({10, 20});
+  Lan lan({10, 20});
   ASSERT_TRUE(lan.ok());
   startDevice(lan, 10, {"--name", "Morl-10", "--service", "2:1", "--no-http"});
   startDevice(lan, 20,
@@ -235,7 +235,7 @@ TEST(VarnockLan, FailedMorlDiscoveryIsReportedAndMdnsDevicesStillListed) {
 
 TEST(VarnockLan, DefaultWaitsAreFiveSecondsEachSlow) {
   VARNOCK_REQUIRE_LAN();
-  TestLan lan({10});
+  Lan lan({10});
   ASSERT_TRUE(lan.ok());
   startDevice(
       lan, 10,

@@ -13,7 +13,7 @@
 #include <string>
 #include <vector>
 
-#include "TestLan.h"
+#include "RequireLan.h"
 #include "qm/log.h"
 
 namespace {
@@ -170,7 +170,7 @@ class GatherLan : public testing::Test {
   void SetUp() override { VARNOCK_REQUIRE_LAN(); }
 
   void makeLan(std::vector<int> hosts) {
-    lan_ = std::make_unique<TestLan>(hosts);
+    lan_ = std::make_unique<Lan>(hosts);
     ASSERT_TRUE(lan_->ok());
     char dir[] = "/tmp/varnock-http.XXXXXX";
     ASSERT_NE(mkdtemp(dir), nullptr);
@@ -189,11 +189,10 @@ class GatherLan : public testing::Test {
     std::vector<std::string> argv{"/usr/bin/python3", VARNOCK_HTTP_TEST_DIR "/info_server.py",
                                   "--record", recordPath(host)};
     argv.insert(argv.end(), args.begin(), args.end());
-    ASSERT_GT(lan_->spawn(TestLan::device(host), argv, dir_ + "/server-" + std::to_string(host)),
-              0);
+    ASSERT_GT(lan_->spawn(Lan::device(host), argv, dir_ + "/server-" + std::to_string(host)), 0);
   }
   void awaitServers(std::initializer_list<int> hosts) {
-    for (int host : hosts) ASSERT_TRUE(lan_->waitForPort(TestLan::device(host), "tcp", 80));
+    for (int host : hosts) ASSERT_TRUE(lan_->waitForPort(Lan::device(host), "tcp", 80));
   }
 
   std::vector<Json::Value> requestsTo(int host) const {
@@ -216,7 +215,7 @@ class GatherLan : public testing::Test {
 
   std::string ip(int host) const { return lan_->ip(host); }
 
-  std::unique_ptr<TestLan> lan_;
+  std::unique_ptr<Lan> lan_;
   std::string dir_;
 };
 

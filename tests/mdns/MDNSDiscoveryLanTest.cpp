@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "TestLan.h"
+#include "RequireLan.h"
 #include "mdns/MDNSDiscovery.h"
 #include "qm/log.h"
 
@@ -55,7 +55,7 @@ long long millisecondsSince(std::chrono::steady_clock::time_point start) {
 }
 
 // Leaves the finder only its loopback addresses 127.0.0.1 and ::1.
-bool cutFinderFromLan(TestLan& lan) {
+bool cutFinderFromLan(Lan& lan) {
   return lan.run("finder", {"ip", "link", "del", "eth0"}).status == 0;
 }
 
@@ -66,9 +66,9 @@ const char* const kTwoSocketLog =
 
 TEST(MDNSDiscoverLan, OneResponderGivesItsAddressAndTheIPv6Fragment) {
   VARNOCK_REQUIRE_LAN();
-  TestLan lan({20});
+  Lan lan({20});
   ASSERT_TRUE(lan.ok());
-  ASSERT_GT(lan.startMdnsResponder(TestLan::device(20), "dev20"), 0);
+  ASSERT_GT(lan.startMdnsResponder(Lan::device(20), "dev20"), 0);
   ASSERT_TRUE(lan.enter("finder"));
   MDNS_Discover::entries = {Entry{"stale", "", "", ""}};
   EXPECT_EQ(MDNS_Discover().discover(1), 1);
@@ -78,10 +78,10 @@ TEST(MDNSDiscoverLan, OneResponderGivesItsAddressAndTheIPv6Fragment) {
 
 TEST(MDNSDiscoverLan, TwoRespondersGiveTwoRecordsInTextOrder) {
   VARNOCK_REQUIRE_LAN();
-  TestLan lan({9, 10});
+  Lan lan({9, 10});
   ASSERT_TRUE(lan.ok());
-  ASSERT_GT(lan.startMdnsResponder(TestLan::device(9), "dev9"), 0);
-  ASSERT_GT(lan.startMdnsResponder(TestLan::device(10), "dev10"), 0);
+  ASSERT_GT(lan.startMdnsResponder(Lan::device(9), "dev9"), 0);
+  ASSERT_GT(lan.startMdnsResponder(Lan::device(10), "dev10"), 0);
   ASSERT_TRUE(lan.enter("finder"));
   EXPECT_EQ(MDNS_Discover().discover(1), 1);
   EXPECT_EQ(found(), (Addresses{"10.0.0.10", "10.0.0.9", "[fe80"}));
@@ -89,9 +89,9 @@ TEST(MDNSDiscoverLan, TwoRespondersGiveTwoRecordsInTextOrder) {
 
 TEST(MDNSDiscoverLan, SeveralRecordsFromOneResponderGiveOneRecord) {
   VARNOCK_REQUIRE_LAN();
-  TestLan lan({20});
+  Lan lan({20});
   ASSERT_TRUE(lan.ok());
-  ASSERT_GT(lan.startMdnsResponder(TestLan::device(20), "dev20"), 0);
+  ASSERT_GT(lan.startMdnsResponder(Lan::device(20), "dev20"), 0);
   ASSERT_TRUE(lan.enter("finder"));
   MDNS_Discover discoverer;
   // Before sorting and thinning, every record of the reply stands on its own.
@@ -104,7 +104,7 @@ TEST(MDNSDiscoverLan, SeveralRecordsFromOneResponderGiveOneRecord) {
 
 TEST(MDNSDiscoverLan, OnlyLoopbackAddressesOpenNoSocket) {
   VARNOCK_REQUIRE_LAN();
-  TestLan lan({20});
+  Lan lan({20});
   ASSERT_TRUE(lan.ok());
   ASSERT_TRUE(cutFinderFromLan(lan));
   ASSERT_TRUE(lan.enter("finder"));
@@ -120,7 +120,7 @@ TEST(MDNSDiscoverLan, OnlyLoopbackAddressesOpenNoSocket) {
 
 TEST(MDNSDiscoverLan, SecondLoopbackAddressGetsASocket) {
   VARNOCK_REQUIRE_LAN();
-  TestLan lan({20});
+  Lan lan({20});
   ASSERT_TRUE(lan.ok());
   ASSERT_TRUE(cutFinderFromLan(lan));
   ASSERT_EQ(lan.run("finder", {"ip", "addr", "add", "127.0.0.2/8", "dev", "lo"}).status, 0);
@@ -155,7 +155,7 @@ TEST(MDNSDiscoverLan, SecondLoopbackAddressGetsASocket) {
 
 TEST(MDNSDiscoverLan, ThirtyTwoSocketsAtMost) {
   VARNOCK_REQUIRE_LAN();
-  TestLan lan({20});
+  Lan lan({20});
   ASSERT_TRUE(lan.ok());
   ASSERT_TRUE(cutFinderFromLan(lan));
   ASSERT_EQ(lan.run("finder", {"sh", "-c",
@@ -190,7 +190,7 @@ TEST(MDNSDiscoverLan, ThirtyTwoSocketsAtMost) {
 
 TEST(MDNSDiscoverLan, ZeroWaitEndsAtOnceAndOneSecondOfSilenceIsWaitedOut) {
   VARNOCK_REQUIRE_LAN();
-  TestLan lan({20});
+  Lan lan({20});
   ASSERT_TRUE(lan.ok());
   ASSERT_TRUE(lan.enter("finder"));
   auto start = std::chrono::steady_clock::now();
@@ -219,10 +219,10 @@ const char* kSlowResponder =
 
 TEST(MDNSDiscoverLan, EveryReplyRestartsTheSilenceTimeSlow) {
   VARNOCK_REQUIRE_LAN();
-  TestLan lan({20});
+  Lan lan({20});
   ASSERT_TRUE(lan.ok());
-  lan.spawn(TestLan::device(20), {"/usr/bin/python3", "-c", kSlowResponder});
-  ASSERT_TRUE(lan.waitForPort(TestLan::device(20), "udp", 5353));
+  lan.spawn(Lan::device(20), {"/usr/bin/python3", "-c", kSlowResponder});
+  ASSERT_TRUE(lan.waitForPort(Lan::device(20), "udp", 5353));
   ASSERT_TRUE(lan.enter("finder"));
   const auto start = std::chrono::steady_clock::now();
   EXPECT_EQ(MDNS_Discover().send_mdns_request(1), 1);
@@ -232,7 +232,7 @@ TEST(MDNSDiscoverLan, EveryReplyRestartsTheSilenceTimeSlow) {
 
 TEST(MDNSDiscoverLan, VerboseLogOfOneIPv4AndOneIPv6Socket) {
   VARNOCK_REQUIRE_LAN();
-  TestLan lan({20});
+  Lan lan({20});
   ASSERT_TRUE(lan.ok());
   ASSERT_TRUE(lan.enter("finder"));
   LogCapture log;
@@ -242,7 +242,7 @@ TEST(MDNSDiscoverLan, VerboseLogOfOneIPv4AndOneIPv6Socket) {
 
 TEST(MDNSDiscoverLan, FailedQueryClosesEverySocket) {
   VARNOCK_REQUIRE_LAN();
-  TestLan lan({20});
+  Lan lan({20});
   ASSERT_TRUE(lan.ok());
   // IPv6 datagrams to port 5353 are refused by routing, after the group was
   // joined; the IPv4 query, sent first, goes out.

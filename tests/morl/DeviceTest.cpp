@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "MorlLan.h"
-#include "TestLan.h"
+#include "RequireLan.h"
 
 using namespace morltest;
 
@@ -35,7 +35,7 @@ struct Reply {
   int tookMs = 0;
 };
 
-Reply get(TestLan& lan, const std::string& host, const std::string& target) {
+Reply get(Lan& lan, const std::string& host, const std::string& target) {
   auto r = lan.run("finder", {"/usr/bin/python3", "-c", kGet, host, target});
   EXPECT_EQ(r.status, 0) << r.err;
   Reply reply;
@@ -52,19 +52,19 @@ Reply get(TestLan& lan, const std::string& host, const std::string& target) {
 
 class Devices {
  public:
-  explicit Devices(TestLan& lan) : lan(lan) {}
+  explicit Devices(Lan& lan) : lan(lan) {}
   pid_t start(int host, std::vector<std::string> args) {
-    std::string node = TestLan::device(host);
+    std::string node = Lan::device(host);
     args.insert(args.begin(), devicePath());
     pid_t pid = lan.spawn(node, args, scratch.path(node));
     EXPECT_TRUE(waitForText(scratch.path(node), "ready\n")) << readText(scratch.path(node));
     return pid;
   }
-  std::string log(int host) { return readText(scratch.path(TestLan::device(host))); }
-  std::string logPath(int host) { return scratch.path(TestLan::device(host)); }
+  std::string log(int host) { return readText(scratch.path(Lan::device(host))); }
+  std::string logPath(int host) { return scratch.path(Lan::device(host)); }
 
  private:
-  TestLan& lan;
+  Lan& lan;
   Scratch scratch;
 };
 
@@ -80,7 +80,7 @@ std::vector<std::vector<unsigned char>> bytesFrom(const std::vector<Datagram>& a
 
 TEST(VarnockDevice, AnswersDiscoveryDirectedDiscoveryAndWhistleAddressedToIt) {
   VARNOCK_REQUIRE_LAN();
-  TestLan lan({2, 3, 4});
+  Lan lan({2, 3, 4});
   ASSERT_TRUE(lan.ok());
   Devices devices(lan);
   devices.start(2, {"--uuid", deviceUuid, "--name", "Gate", "--software-version", "3.1",
@@ -113,7 +113,7 @@ TEST(VarnockDevice, AnswersDiscoveryDirectedDiscoveryAndWhistleAddressedToIt) {
 
 TEST(VarnockDevice, AnswersByBroadcastWhenTheRequesterOffersNoUnicast) {
   VARNOCK_REQUIRE_LAN();
-  TestLan lan({2, 3, 4});
+  Lan lan({2, 3, 4});
   ASSERT_TRUE(lan.ok());
   Devices devices(lan);
   devices.start(2, {"--uuid", deviceUuid, "--no-unicast", "--no-http"});
@@ -136,7 +136,7 @@ TEST(VarnockDevice, AnswersByBroadcastWhenTheRequesterOffersNoUnicast) {
 
 TEST(VarnockDevice, AcceptedTameMakesTheRequesterTheOwner) {
   VARNOCK_REQUIRE_LAN();
-  TestLan lan({2, 3, 5});
+  Lan lan({2, 3, 5});
   ASSERT_TRUE(lan.ok());
   Devices devices(lan);
   const std::string refuserUuid = "b1b2b3b4b5b6b7b8b9babbbc";
@@ -167,7 +167,7 @@ TEST(VarnockDevice, AcceptedTameMakesTheRequesterTheOwner) {
 
 TEST(VarnockDevice, InfoServerAnswersOnlyTheInfoTarget) {
   VARNOCK_REQUIRE_LAN();
-  TestLan lan({2, 3, 4});
+  Lan lan({2, 3, 4});
   ASSERT_TRUE(lan.ok());
   Devices devices(lan);
   devices.start(2, {"--name", "Gate \"north\"", "--software-version", "3.1", "--service", "0:1",
@@ -197,7 +197,7 @@ TEST(VarnockDevice, InfoServerAnswersOnlyTheInfoTarget) {
 
 TEST(VarnockDevice, StopsCleanlyOnSigtermAndSigint) {
   VARNOCK_REQUIRE_LAN();
-  TestLan lan({2, 3});
+  Lan lan({2, 3});
   ASSERT_TRUE(lan.ok());
   Devices devices(lan);
   pid_t term = devices.start(2, {});
@@ -210,7 +210,7 @@ TEST(VarnockDevice, StopsCleanlyOnSigtermAndSigint) {
 
 TEST(VarnockDevice, RejectsBadOptionsAndPrintsHelp) {
   VARNOCK_REQUIRE_LAN();
-  TestLan lan({2});
+  Lan lan({2});
   ASSERT_TRUE(lan.ok());
   auto help = lan.run("d2", {devicePath(), "--help"});
   EXPECT_EQ(help.status, 0);

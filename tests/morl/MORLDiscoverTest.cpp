@@ -12,7 +12,7 @@
 #include <boost/system/system_error.hpp>
 
 #include "MorlLan.h"
-#include "TestLan.h"
+#include "RequireLan.h"
 #include "morl/MORL_Discover.h"
 #include "morl/udp_server.h"
 #include "qm/log.h"
@@ -35,18 +35,18 @@ std::vector<std::vector<std::string>> table(const std::vector<Entry>& entries) {
 // Starts one answering peer per node and waits until all are bound.
 class Answerers {
  public:
-  Answerers(TestLan& lan, const Scratch& scratch) : lan(lan), scratch(scratch) {}
+  Answerers(Lan& lan, const Scratch& scratch) : lan(lan), scratch(scratch) {}
   void start(int host, const std::vector<std::string>& args) {
-    std::string node = TestLan::device(host);
+    std::string node = Lan::device(host);
     std::vector<std::string> all{"answer"};
     all.insert(all.end(), args.begin(), args.end());
     pids.push_back(lan.spawn(node, peer(all), scratch.path(node)));
     ASSERT_TRUE(waitForText(scratch.path(node), "ready\n")) << node;
   }
-  std::string log(int host) { return readText(scratch.path(TestLan::device(host))); }
+  std::string log(int host) { return readText(scratch.path(Lan::device(host))); }
 
  private:
-  TestLan& lan;
+  Lan& lan;
   const Scratch& scratch;
   std::vector<pid_t> pids;
 };
@@ -61,7 +61,7 @@ std::string uuidArg(unsigned char last) {
 
 TEST(MorlDiscover, FindsTwoDevicesWithNameVersionAndType) {
   VARNOCK_REQUIRE_LAN();
-  TestLan lan({2, 3});
+  Lan lan({2, 3});
   ASSERT_TRUE(lan.ok());
   Scratch scratch;
   lan.spawn("d3",
@@ -85,7 +85,7 @@ TEST(MorlDiscover, FindsTwoDevicesWithNameVersionAndType) {
 
 TEST(MorlDiscover, LogsSenderAndBlockCountOfEachResponse) {
   VARNOCK_REQUIRE_LAN();
-  TestLan lan({2});
+  Lan lan({2});
   ASSERT_TRUE(lan.ok());
   Scratch scratch;
   Answerers peers(lan, scratch);
@@ -103,7 +103,7 @@ TEST(MorlDiscover, LogsSenderAndBlockCountOfEachResponse) {
 
 TEST(MorlDiscover, DeviceTypeComesFromTheLastServiceBlock) {
   VARNOCK_REQUIRE_LAN();
-  TestLan lan({2, 3, 4, 5});
+  Lan lan({2, 3, 4, 5});
   ASSERT_TRUE(lan.ok());
   Scratch scratch;
   Answerers peers(lan, scratch);
@@ -127,7 +127,7 @@ TEST(MorlDiscover, DeviceTypeComesFromTheLastServiceBlock) {
 
 TEST(MorlDiscover, OneRecordPerAddressAndEmptyRecordsCollapse) {
   VARNOCK_REQUIRE_LAN();
-  TestLan lan({2, 3, 4, 5, 6});
+  Lan lan({2, 3, 4, 5, 6});
   ASSERT_TRUE(lan.ok());
   Scratch scratch;
   Answerers peers(lan, scratch);
@@ -149,7 +149,7 @@ TEST(MorlDiscover, OneRecordPerAddressAndEmptyRecordsCollapse) {
 
 TEST(MorlDiscover, AnswersToAnotherRequestOrDestinationAreDropped) {
   VARNOCK_REQUIRE_LAN();
-  TestLan lan({2, 3, 4});
+  Lan lan({2, 3, 4});
   ASSERT_TRUE(lan.ok());
   Scratch scratch;
   Answerers peers(lan, scratch);
@@ -168,7 +168,7 @@ TEST(MorlDiscover, AnswersToAnotherRequestOrDestinationAreDropped) {
 
 TEST(MorlDiscover, WaitOfZeroReturnsTrue) {
   VARNOCK_REQUIRE_LAN();
-  TestLan lan({2});
+  Lan lan({2});
   ASSERT_TRUE(lan.ok());
   Scratch scratch;
   lan.spawn("d2", {devicePath(), "--no-http"}, scratch.path("d2"));
@@ -182,7 +182,7 @@ TEST(MorlDiscover, WaitOfZeroReturnsTrue) {
 
 TEST(MorlDiscover, TakenPortWritesTheErrorAndReturnsFalse) {
   VARNOCK_REQUIRE_LAN();
-  TestLan lan({2});
+  Lan lan({2});
   ASSERT_TRUE(lan.ok());
   Scratch scratch;
   pid_t listener = lan.spawn("d2", peer({"listen", "--wait", "10000"}), scratch.path("d2"));
@@ -215,7 +215,7 @@ TEST(MorlDiscover, TakenPortWritesTheErrorAndReturnsFalse) {
 
 TEST(MorlDiscover, FinderAnswersOtherNodesWithItsFixedIdentity) {
   VARNOCK_REQUIRE_LAN();
-  TestLan lan({2, 3});
+  Lan lan({2, 3});
   ASSERT_TRUE(lan.ok());
   Scratch scratch;
   // d3 only listens: what it hears was broadcast, not sent to the prober.

@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "TestLan.h"
+#include "RequireLan.h"
 
 /// Helpers of the MORL tests on the simulated LAN.
 namespace morltest {
@@ -27,11 +27,11 @@ class Scratch {
   std::string dir;
 };
 
-inline std::string readText(const std::string& path) { return TestLan::readText(path); }
+inline std::string readText(const std::string& path) { return Lan::readText(path); }
 /// Waits until the file holds `text`.
 inline bool waitForText(const std::string& path, const std::string& text,
                         std::chrono::milliseconds timeout = std::chrono::milliseconds(10000)) {
-  return TestLan::waitForText(path, text, timeout);
+  return Lan::waitForText(path, text, timeout);
 }
 
 /// Binds a UDP socket to 0.0.0.0:`port` in the calling thread's namespace, so

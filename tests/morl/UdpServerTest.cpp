@@ -12,7 +12,7 @@
 #include <boost/system/system_error.hpp>
 
 #include "MorlLan.h"
-#include "TestLan.h"
+#include "RequireLan.h"
 #include "morl/udp_server.h"
 
 using namespace morltest;
@@ -90,7 +90,7 @@ bool portFree() {
 
 TEST(UdpServer, LongDatagramIsCutTo1024BytesAndReceivingGoesOn) {
   VARNOCK_REQUIRE_LAN();
-  TestLan lan({2});
+  Lan lan({2});
   ASSERT_TRUE(lan.ok());
   ASSERT_TRUE(lan.enter());
   Collector collector;
@@ -108,7 +108,7 @@ TEST(UdpServer, LongDatagramIsCutTo1024BytesAndReceivingGoesOn) {
 
 TEST(UdpServer, SendBroadcastsACopyToPort4792) {
   VARNOCK_REQUIRE_LAN();
-  TestLan lan({2, 3});
+  Lan lan({2, 3});
   ASSERT_TRUE(lan.ok());
   Scratch scratch;
   std::vector<pid_t> listeners;
@@ -138,7 +138,7 @@ TEST(UdpServer, SendBroadcastsACopyToPort4792) {
 
 TEST(UdpServer, TakenPortMakesInitThrow) {
   VARNOCK_REQUIRE_LAN();
-  TestLan lan({});
+  Lan lan({});
   ASSERT_TRUE(lan.ok());
   ASSERT_TRUE(lan.enter());
   int fd = occupyUdpPort(4792);
@@ -158,7 +158,7 @@ TEST(UdpServer, TakenPortMakesInitThrow) {
 
 TEST(UdpServer, NothingArrivesAfterStop) {
   VARNOCK_REQUIRE_LAN();
-  TestLan lan({2});
+  Lan lan({2});
   ASSERT_TRUE(lan.ok());
   ASSERT_TRUE(lan.enter());
   Collector collector;

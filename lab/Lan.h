@@ -6,10 +6,9 @@
 #include <string>
 #include <vector>
 
-/// A simulated LAN for one test (see lan.sh): created by the constructor and
-/// removed, with every process started in it, by the destructor. Tests call
-/// VARNOCK_REQUIRE_LAN() first: without root they are skipped.
-class TestLan {
+/// A simulated LAN (see lan.sh): created by the constructor and removed, with
+/// every process started in it, by the destructor. Needs root.
+class Lan {
  public:
   struct Result {
     int status = -1;  ///< exit status, or 128 + signal, or -1 when it was killed on timeout
@@ -19,17 +18,17 @@ class TestLan {
 
   /// Device hosts by host number; the finder is `finderHost`. Addresses are
   /// `net`.HOST (a /23 when a host number is above 254).
-  explicit TestLan(std::vector<int> deviceHosts, int finderHost = 1, std::string net = "10.0.0");
-  ~TestLan();
-  TestLan(const TestLan&) = delete;
-  TestLan& operator=(const TestLan&) = delete;
+  explicit Lan(std::vector<int> deviceHosts, int finderHost = 1, std::string net = "10.0.0");
+  ~Lan();
+  Lan(const Lan&) = delete;
+  Lan& operator=(const Lan&) = delete;
 
   static bool haveRoot();
   static std::string readText(const std::string& path);
   /// Polls the file until it holds `text`.
   static bool waitForText(const std::string& path, const std::string& text,
                           std::chrono::milliseconds timeout = std::chrono::milliseconds(10000));
-  /// Path of a file in the source tree's tests/lan folder.
+  /// Path of a file in the source tree's lab folder.
   static std::string script(const std::string& name);
 
   bool ok() const { return ok_; }
@@ -68,9 +67,3 @@ class TestLan {
   std::vector<pid_t> children_;
   std::string scratch_;
 };
-
-#define VARNOCK_REQUIRE_LAN()                                                        \
-  do {                                                                               \
-    if (!TestLan::haveRoot())                                                        \
-      GTEST_SKIP() << "needs root to build the simulated LAN of network namespaces"; \
-  } while (0)

@@ -1,4 +1,4 @@
-#include "TestLan.h"
+#include "Lan.h"
 
 #include <fcntl.h>
 #include <sched.h>
@@ -67,17 +67,17 @@ int shell(const std::vector<std::string>& argv) {
 
 }  // namespace
 
-bool TestLan::haveRoot() { return geteuid() == 0; }
+bool Lan::haveRoot() { return geteuid() == 0; }
 
-std::string TestLan::readText(const std::string& path) {
+std::string Lan::readText(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
   std::stringstream s;
   s << in.rdbuf();
   return s.str();
 }
 
-bool TestLan::waitForText(const std::string& path, const std::string& text,
-                          std::chrono::milliseconds timeout) {
+bool Lan::waitForText(const std::string& path, const std::string& text,
+                      std::chrono::milliseconds timeout) {
   auto end = std::chrono::steady_clock::now() + timeout;
   while (readText(path).find(text) == std::string::npos) {
     if (std::chrono::steady_clock::now() >= end) return false;
@@ -86,11 +86,11 @@ bool TestLan::waitForText(const std::string& path, const std::string& text,
   return true;
 }
 
-std::string TestLan::script(const std::string& name) {
+std::string Lan::script(const std::string& name) {
   return std::string(VARNOCK_LAN_DIR) + "/" + name;
 }
 
-TestLan::TestLan(std::vector<int> deviceHosts, int finderHost, std::string net)
+Lan::Lan(std::vector<int> deviceHosts, int finderHost, std::string net)
     : net_(std::move(net)), hosts_(std::move(deviceHosts)) {
   static std::atomic<int> counter{0};
   name_ = "vk" + std::to_string(getpid() % 100000) + "x" + std::to_string(counter++);
@@ -103,7 +103,7 @@ TestLan::TestLan(std::vector<int> deviceHosts, int finderHost, std::string net)
   ok_ = shell(argv) == 0;
 }
 
-TestLan::~TestLan() {
+Lan::~Lan() {
   if (homeNetns_ >= 0) {
     setns(homeNetns_, CLONE_NEWNET);
     close(homeNetns_);
@@ -113,7 +113,7 @@ TestLan::~TestLan() {
   if (!scratch_.empty()) shell({"rm", "-rf", scratch_});
 }
 
-std::string TestLan::ip(int host) const {
+std::string Lan::ip(int host) const {
   if (host >= 256) {
     auto dot = net_.rfind('.');
     return net_.substr(0, dot + 1) + std::to_string(std::stoi(net_.substr(dot + 1)) + 1) + "." +
@@ -122,13 +122,13 @@ std::string TestLan::ip(int host) const {
   return net_ + "." + std::to_string(host);
 }
 
-std::string TestLan::ns(const std::string& node) const {
+std::string Lan::ns(const std::string& node) const {
   if (node == "finder") return name_ + "-f";
   return name_ + "-" + node;
 }
 
-pid_t TestLan::spawn(const std::string& node, const std::vector<std::string>& argv,
-                     const std::string& logPath) {
+pid_t Lan::spawn(const std::string& node, const std::vector<std::string>& argv,
+                 const std::string& logPath) {
   std::vector<std::string> full{"ip", "netns", "exec", ns(node)};
   full.insert(full.end(), argv.begin(), argv.end());
   pid_t pid = startProcess(full, logPath, logPath);
@@ -136,7 +136,7 @@ pid_t TestLan::spawn(const std::string& node, const std::vector<std::string>& ar
   return pid;
 }
 
-int TestLan::stop(pid_t pid, std::chrono::milliseconds grace) {
+int Lan::stop(pid_t pid, std::chrono::milliseconds grace) {
   int status = waitFor(pid, std::chrono::milliseconds(0));
   if (status == -2) {
     kill(pid, SIGTERM);
@@ -149,8 +149,8 @@ int TestLan::stop(pid_t pid, std::chrono::milliseconds grace) {
   return status;
 }
 
-TestLan::Result TestLan::run(const std::string& node, const std::vector<std::string>& argv,
-                             std::chrono::milliseconds timeout) {
+Lan::Result Lan::run(const std::string& node, const std::vector<std::string>& argv,
+                     std::chrono::milliseconds timeout) {
   static std::atomic<int> counter{0};
   int n = counter++;
   std::string out = scratch_ + "/run" + std::to_string(n) + ".out";
@@ -165,12 +165,12 @@ TestLan::Result TestLan::run(const std::string& node, const std::vector<std::str
     waitFor(pid, std::chrono::seconds(5));
     r.status = -1;
   }
-  r.out = TestLan::readText(out);
-  r.err = TestLan::readText(err);
+  r.out = Lan::readText(out);
+  r.err = Lan::readText(err);
   return r;
 }
 
-bool TestLan::enter(const std::string& node) {
+bool Lan::enter(const std::string& node) {
   if (!ok_) return false;
   if (homeNetns_ < 0) homeNetns_ = open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC);
   int fd = open(("/run/netns/" + ns(node)).c_str(), O_RDONLY | O_CLOEXEC);
@@ -180,8 +180,8 @@ bool TestLan::enter(const std::string& node) {
   return entered;
 }
 
-bool TestLan::waitForPort(const std::string& node, const std::string& proto, int port,
-                          std::chrono::milliseconds timeout) {
+bool Lan::waitForPort(const std::string& node, const std::string& proto, int port,
+                      std::chrono::milliseconds timeout) {
   auto end = std::chrono::steady_clock::now() + timeout;
   std::string flag = proto == "udp" ? "-lunH" : "-ltnH";
   while (std::chrono::steady_clock::now() < end) {
@@ -193,7 +193,7 @@ bool TestLan::waitForPort(const std::string& node, const std::string& proto, int
   return false;
 }
 
-pid_t TestLan::startMdnsResponder(const std::string& node, const std::string& hostName) {
+pid_t Lan::startMdnsResponder(const std::string& node, const std::string& hostName) {
   std::string log = scratch_ + "/avahi-" + hostName + ".log";
   std::vector<std::string> argv{script("mdns-responder.sh"), ns(node), hostName};
   pid_t pid = startProcess(argv, log, log);
