@@ -8,7 +8,7 @@
 #   scripts/test.sh [fuzz-seconds-per-target]
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
-fuzz_seconds=${1:-45}
+fuzz_seconds=${1:-20}
 out="$root/build-ci"
 cd "$root"
 
