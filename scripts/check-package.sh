@@ -96,9 +96,9 @@ for program in varnock varnock-device; do
   check "$program(1) sections" "$(printf '%s\n' "${sections[@]}" | sort | paste -sd ,)" \
     "$(grep -E '^[A-Z][A-Z ]*$' <<<"$text" | sort | paste -sd ,)"
   check "$program(1) version" "varnock $version" "$(tail -n 1 <<<"$text" | awk '{print $1, $2}')"
-  # The tags of the OPTIONS section: lines indented by 7 that start with "-".
-  documented=$(awk '/^[A-Z]/ {on = ($0 == "OPTIONS")} on && /^       -/' <<<"$text" |
-    grep -oE -- '-{1,2}[A-Za-z][A-Za-z-]*' | sort -u)
+  # The tags of the OPTIONS section: the line after each .TP.
+  documented=$(zcat "$page" | awk '/^\.SH/ {on = ($2 == "OPTIONS")} on && tag; {tag = /^\.TP/}' |
+    sed 's/\\-/-/g' | grep -oE -- '-{1,2}[A-Za-z][A-Za-z-]*' | sort -u)
   check "$program(1) documents the options of --help" "$(lines $(help_options "$program"))" \
     "$(lines $documented)"
 done
