@@ -24,7 +24,7 @@ check() {  # DESCRIPTION EXPECTED ACTUAL
     printf 'check-package: FAILED: %s\n  expected: %s\n  actual:   %s\n' "$1" "$2" "$3" >&2
   fi
 }
-lines() { printf '%s\n' "$@" | sort -u | paste -sd ' '; }
+set_of() { sort -u | paste -sd ' ' -; }  # lines in, one sorted line of words out
 
 version=$(sed -n 's/^CMAKE_PROJECT_VERSION:STATIC=//p' "$builddir/CMakeCache.txt")
 deb=$builddir/varnock_${version}_$(dpkg --print-architecture).deb
@@ -36,31 +36,35 @@ trap 'rm -rf "$tmp"' EXIT
 dpkg-deb -x "$deb" "$tmp"
 bin=$tmp/usr/bin
 
-check "files" "$(lines ./usr/bin/varnock ./usr/bin/varnock-device \
+check "files" "$(printf '%s\n' ./usr/bin/varnock ./usr/bin/varnock-device \
   ./usr/share/bash-completion/completions/varnock \
   ./usr/share/bash-completion/completions/varnock-device \
   ./usr/share/doc/varnock/README.md.gz ./usr/share/doc/varnock/changelog.gz \
   ./usr/share/doc/varnock/copyright ./usr/share/lintian/overrides/varnock \
-  ./usr/share/man/man1/varnock.1.gz ./usr/share/man/man1/varnock-device.1.gz)" \
-  "$(lines $(dpkg-deb -c "$deb" | awk '$1 !~ /^d/ {print $6}'))"
+  ./usr/share/man/man1/varnock.1.gz ./usr/share/man/man1/varnock-device.1.gz | set_of)" \
+  "$(dpkg-deb -c "$deb" | awk '$1 !~ /^d/ {print $6}' | set_of)"
 
 # Depends: exactly the packages (or what they provide) that own the libraries
 # the programs link.
 depends=$(dpkg-deb -f "$deb" Depends)
 echo "check-package: Depends: $depends"
+depends=$(tr ',' '\n' <<<"$depends" | sed 's/(.*//; s/ //g' | set_of)
 multiarch=$(dpkg-architecture -qDEB_HOST_MULTIARCH)
 linked=()
 for soname in $(objdump -p "$bin/varnock" "$bin/varnock-device" | awk '$1 == "NEEDED" {print $2}' | sort -u); do
-  owner=$(dpkg -S "*/$multiarch/$soname" 2>/dev/null | sed 's/:.*//')
-  names=" $owner $(dpkg-query -W -f='${Provides}' "$owner" 2>/dev/null | sed 's/([^)]*)//g; s/,/ /g') "
+  owners=$(dpkg -S "*/$multiarch/$soname" 2>/dev/null | sed 's/: .*//; s/:[a-z0-9]*//g; s/,/ /g')
+  names=" $owners "
+  for owner in $owners; do
+    names+="$(dpkg-query -W -f='${Provides}' "$owner" | sed 's/([^)]*)//g; s/,/ /g') "
+  done
   found="(nothing for $soname)"
-  for package in $(tr ',' '\n' <<<"$depends" | sed 's/(.*//'); do
+  for package in $depends; do
     [[ $names == *" $package "* ]] && found=$package
   done
   linked+=("$found")
 done
-check "Depends are the packages of the linked libraries" \
-  "$(lines $(tr ',' '\n' <<<"$depends" | sed 's/(.*//'))" "$(lines "${linked[@]}")"
+check "Depends are the packages of the linked libraries" "$depends" \
+  "$(printf '%s\n' "${linked[@]}" | set_of)"
 
 # Every error, warning, info and pedantic tag fails unless it is overridden
 # with a reason in packaging/lintian-overrides; overridden ones are shown.
@@ -98,9 +102,9 @@ for program in varnock varnock-device; do
   check "$program(1) version" "varnock $version" "$(tail -n 1 <<<"$text" | awk '{print $1, $2}')"
   # The tags of the OPTIONS section: the line after each .TP.
   documented=$(zcat "$page" | awk '/^\.SH/ {on = ($2 == "OPTIONS")} on && tag; {tag = /^\.TP/}' |
-    sed 's/\\-/-/g' | grep -oE -- '-{1,2}[A-Za-z][A-Za-z-]*' | sort -u)
-  check "$program(1) documents the options of --help" "$(lines $(help_options "$program"))" \
-    "$(lines $documented)"
+    sed 's/\\-/-/g' | grep -oE -- '-{1,2}[A-Za-z][A-Za-z-]*' | set_of)
+  check "$program(1) documents the options of --help" "$(help_options "$program" | set_of)" \
+    "$documented"
 done
 
 # Completes the last word of a command line the way bash does on Tab, with
@@ -112,20 +116,22 @@ complete_line() {  # PROGRAM WORD...
     spec=$(complete -p "$1"); function=${spec#*-F }; function=${function%% *}
     "$function" "$1" "${COMP_WORDS[COMP_CWORD]}" "${COMP_WORDS[COMP_CWORD - 1]}"
     printf "%s\n" "${COMPREPLY[@]}"' "$tmp/usr/share/bash-completion/completions/$1" "$@" |
-    sort -u | paste -sd ' '
+    set_of
 }
-common_prefix() {  # WORD...: what Tab inserts
-  local prefix=$1 word
-  for word; do while [ "${word#"$prefix"}" = "$word" ]; do prefix=${prefix%?}; done; done
+common_prefix() {  # "WORD...": what Tab inserts
+  local words prefix word
+  read -ra words <<<"$1"
+  prefix=${words[0]}
+  for word in "${words[@]}"; do while [ "${word#"$prefix"}" = "$word" ]; do prefix=${prefix%?}; done; done
   echo "$prefix"
 }
 
-check "varnock --mo<Tab>" "--morl" "$(common_prefix $(complete_line varnock varnock --mo))"
+check "varnock --mo<Tab>" "--morl" "$(common_prefix "$(complete_line varnock varnock --mo)")"
 check "varnock --mdns-w<Tab>" "--mdns-wait" "$(complete_line varnock varnock --mdns-w)"
 check "varnock-device --http-p<Tab>" "--http-port" \
   "$(complete_line varnock-device varnock-device --http-p)"
 for program in varnock varnock-device; do
-  check "$program --<Tab>" "$(lines $(help_options "$program" | grep -- '^--'))" \
+  check "$program --<Tab>" "$(help_options "$program" | grep -- '^--' | set_of)" \
     "$(complete_line "$program" "$program" --)"
   spec=$(bash --norc --noprofile -c 'source "$0"; complete -p "$1"' \
     "$tmp/usr/share/bash-completion/completions/$program" "$program")
