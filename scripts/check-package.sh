@@ -63,8 +63,8 @@ for soname in $(objdump -p "$bin/varnock" "$bin/varnock-device" | awk '$1 == "NE
   done
   linked+=("$found")
 done
-check "Depends are the packages of the linked libraries" "$depends" \
-  "$(printf '%s\n' "${linked[@]}" | set_of)"
+check "Depends are the packages of the linked libraries" \
+  "$(printf '%s\n' "${linked[@]}" | set_of)" "$depends"
 
 # Every error, warning, info and pedantic tag fails unless it is overridden
 # with a reason in packaging/lintian-overrides; overridden ones are shown.
