@@ -56,4 +56,7 @@ cmake --build "$out/tsan" -j2 --target "${tsan_targets[@]}"
 step "ThreadSanitizer tests"
 TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 run_ctest "$out/tsan" -L '^(app_test|morl_test|http_test)$'
 
+step "Debian package"
+bash scripts/check-package.sh "$out/deb"
+
 step "all passed"
