@@ -84,6 +84,7 @@ ParseResult parseDeviceOptions(int argc, char** argv, DeviceConfig& config, std:
   // clang-format off
   options.add_options()
     ("help,h", "print this help and exit")
+    ("version", "print the version and exit")
     ("uuid", po::value<std::string>(&uuid),
      "device UUID, 24 hex digits (default: random)")
     ("name", po::value<std::string>(&config.name)->default_value(config.name),
@@ -122,6 +123,10 @@ ParseResult parseDeviceOptions(int argc, char** argv, DeviceConfig& config, std:
     po::notify(vm);
     if (vm.count("help")) {
       out << options << "\n";
+      return ParseResult::Exit;
+    }
+    if (vm.count("version")) {
+      out << "varnock-device " VARNOCK_VERSION "\n";
       return ParseResult::Exit;
     }
     if (vm.count("uuid")) {

@@ -77,6 +77,7 @@ check "lintian tags not overridden" "" "$(grep -E '^[EWIPX]: ' <<<"$report" || t
 
 check "varnock --version" "Varnock CLI, current version" "$("$bin/varnock" --version)"
 check "varnock --help" "$("$builddir/app/varnock" --help)" "$("$bin/varnock" --help)"
+check "varnock-device --version" "varnock-device $version" "$("$bin/varnock-device" --version)"
 check "varnock-device --help" "$("$builddir/device/varnock-device" --help)" \
   "$("$bin/varnock-device" --help)"
 
