@@ -40,8 +40,8 @@ inline QM::Span<const unsigned char> view(const Bytes& b) { return {b.data(), b.
 
 inline std::string repeat(const std::string& t, int n) { return n > 0 ? t + repeat(t, n - 1) : ""; }
 
-// The blocks of a device (UUID 12 x 07, "ext-7", "2.4.1", service types 0 to 4
-// and 7 with value 1, no owner). Checksums computed with Python's zlib.
+// A device's blocks (UUID 12 x 07, "ext-7", "2.4.1", service types 0-4 and 7 of
+// value 1, no owner). Checksums from Python: ~zlib.crc32(bytes), low byte first.
 const std::string InfoDev = " 01 07*12 65 78 74 2D 37 00*25 32 2E 34 2E 31 00*15 B1 3E 90 66";
 const std::string Svc0 = " 03 00 01 00 4C BE 15 D5";
 const std::string Svc1 = " 03 01 01 00 7B D4 D7 D4";

@@ -100,7 +100,6 @@ const std::string Unknown67 = " 02 33*62 00 7A 57 AA";
 
 TEST(MorlParser, KeepsTheValidKnownBlocks) {
   const std::pair<std::string, std::string> rows[] = {
-      {"", ""},
       {InfoDev + Svc2 + Svc4 + Tame0, "0+67 67+8 75+8 83+17"},
       {Unknown5 + Svc1 + Unknown10 + Svc2 + Unknown67 + Tame0, "5+8 23+8 98+17"},
       {Svc1 + Tame0 + " 03 03 03 03", "0+8 8+17"},

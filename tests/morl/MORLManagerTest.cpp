@@ -17,14 +17,15 @@ constexpr H::Type Disc = H::Discovery, Directed = H::DirectedDiscovery, Tame = H
 
 std::string uuid(const unsigned char (&u)[12]) { return toHex(Bytes(u, u + 12)); }
 
-struct Records {
+// What the finder's endpoint refers to; built before it.
+struct FinderParts {
   std::vector<Entry> found;
   udp_server unused{nullptr};
 };
 
-/// The finder's own endpoint, which writes down what the manager makes it do
-/// and sends nothing; a few switches make it another node.
-class Node : public Records, public ControllerInfo {
+/// The finder's own endpoint, writing down what the manager makes it do instead
+/// of sending; a few switches make it another node.
+class Node : public FinderParts, public ControllerInfo {
  public:
   Node() : ControllerInfo(found, unused) {}
 
@@ -120,7 +121,7 @@ std::string run(const Row& row) {
   return out;
 }
 
-// The finder's blocks and answers. Checksums computed with Python's zlib.
+// The finder's blocks and answers; checksums from Python's zlib.
 const std::string Finder = " 01 01*12 64 31 34 65 00*26 63 75 72 72 65 6E 74 00*13 B6 A8 36 CE";
 const std::string FinderTame = " 04 02*12 7A F7 61 39";
 const std::string Answer = " 00 06 34 12 01*12 07*12 54 00 86 93 B9 3E" + Finder + FinderTame;
