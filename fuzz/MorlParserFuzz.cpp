@@ -2,8 +2,8 @@
 #include <cstdint>
 #include <cstdlib>
 
+#include "fuzz/ReferenceScan.h"
 #include "morl/MORLParser.h"
-#include "tests/codec/ReferenceScan.h"
 
 // The tolerant scan over any payload, checked block for block against the
 // plain scan, then a full walk asking for every block class in turn, then a
