@@ -2,7 +2,7 @@
 // lab/isolated.sh so the LAN vanishes with the process):
 //   Answering100ms - every device answers after 100 ms: about one answer's time
 //   AnsweringAtOnce - every device answers at once: the cost of the exchanges
-//   SilentServers  - every device accepts and never answers: one read deadline
+//   SilentServers  - every device accepts and answers only after a minute: one read deadline
 //   SilentAddresses - nobody has the addresses: one connect deadline
 // Counters: filled records, peak threads of the process during the call, and
 // the process's peak resident memory.
@@ -48,10 +48,11 @@ class GatherLan {
   }
   bool ok() const { return ok_; }
 
-  // Restarts the one info server on the server device with these arguments.
+  // Restarts the one info server (a varnock-device named "A") on the server
+  // device with these options.
   bool serve(const std::vector<std::string>& args) {
     if (server_ > 0) lan_.stop(server_);
-    std::vector<std::string> argv{"/usr/bin/python3", VARNOCK_HTTP_TEST_DIR "/info_server.py"};
+    std::vector<std::string> argv{VARNOCK_DEVICE, "--no-morl", "--name", "A"};
     argv.insert(argv.end(), args.begin(), args.end());
     server_ = lan_.spawn(Lan::device(kServerHost), argv, "/dev/null");
     return server_ > 0 && lan_.waitForPort(Lan::device(kServerHost), "tcp", 80);
@@ -125,7 +126,7 @@ void gatherAll(benchmark::State& state, int base, const std::string& filledName)
 }
 
 void Answering100ms(benchmark::State& state) {
-  if (!GatherLan::get().ok() || !GatherLan::get().serve({"--delay-ms", "100"})) {
+  if (!GatherLan::get().ok() || !GatherLan::get().serve({"--http-delay", "100"})) {
     state.SkipWithError("simulated LAN not available (needs root)");
     return;
   }
@@ -142,7 +143,7 @@ void AnsweringAtOnce(benchmark::State& state) {
 }
 
 void SilentServers(benchmark::State& state) {
-  if (!GatherLan::get().ok() || !GatherLan::get().serve({"--silent"})) {
+  if (!GatherLan::get().ok() || !GatherLan::get().serve({"--http-delay", "60000"})) {
     state.SkipWithError("simulated LAN not available (needs root)");
     return;
   }
