@@ -148,6 +148,11 @@ TEST(MorlLan, FinderAndDevicesAnswerAsConfiguredAndTheFinderRecordsEachDeviceOnc
   EXPECT_EQ(Lan::readText(lan.scratchFile("d2")), "ready\ntamed by " + by + "whistle from " + by);
   EXPECT_EQ(Lan::readText(lan.scratchFile("d3")), "ready\n");
   EXPECT_EQ(Lan::readText(lan.scratchFile("d10")), "ready\ntamed by " + by);
+  const Bytes big(1100, 0x5A);  // cut to the receive buffer of 1024 bytes; receiving goes on
+  for (size_t n : {1000, 1100, 10}) prober.send({big.data(), n}, 0, nullptr);
+  const std::vector<Bytes> all = twin.from(4, requests.size() + 3);
+  const std::vector<Bytes> tail(all.end() - 3, all.end());
+  EXPECT_EQ(tail, (std::vector<Bytes>{Bytes(1000, 0x5A), Bytes(1024, 0x5A), Bytes(10, 0x5A)}));
   twin.request(Discovery, uuid(0));
   run.join();
   std::vector<Strings> found;
