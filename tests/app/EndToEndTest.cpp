@@ -2,249 +2,153 @@
 
 #include <chrono>
 #include <cstdlib>
-#include <string>
-#include <vector>
+#include <numeric>
+#include <set>
+#include <sstream>
 
 #include "RequireLan.h"
 
-// The real varnock binary on a simulated LAN of real simulated devices,
-// real mDNS responders and real HTTP info servers.
+// The real varnock on a simulated LAN; each run checked whole: status, output and error.
 
 namespace {
 
 using Args = std::vector<std::string>;
 
-std::string binary(const std::string& relative) {
-  const char* dir = std::getenv("VARNOCK_BIN_DIR");
-  return std::string(dir ? dir : ".") + "/" + relative;
+const std::string kBin = std::getenv("VARNOCK_BIN_DIR") ? std::getenv("VARNOCK_BIN_DIR") : ".";
+
+bool startDevice(Lan& lan, const std::string& node, Args args) {
+  std::string log = lan.scratchFile(node + ".log");
+  args.insert(args.begin(), kBin + "/device/varnock-device");
+  return lan.spawn(node, args, log) > 0 && Lan::waitForText(log, "ready\n");
 }
 
-void startDevice(Lan& lan, int host, const Args& args) {
-  std::string log = lan.scratchFile("device" + std::to_string(host) + ".log");
-  Args argv{binary("device/varnock-device")};
-  argv.insert(argv.end(), args.begin(), args.end());
-  ASSERT_GT(lan.spawn(Lan::device(host), argv, log), 0);
-  ASSERT_TRUE(Lan::waitForText(log, "ready")) << Lan::readText(log);
+Lan::Result varnock(Lan& lan, Args args) {
+  args.insert(args.begin(), kBin + "/app/varnock");
+  return lan.run("finder", args);
 }
 
-void startResponder(Lan& lan, int host) {
-  ASSERT_GT(lan.startMdnsResponder(Lan::device(host), "device-" + std::to_string(host)), 0);
-}
-
-Lan::Result varnock(Lan& lan, const Args& args) {
-  Args argv{binary("app/varnock")};
-  argv.insert(argv.end(), args.begin(), args.end());
-  return lan.run("finder", argv);
-}
-
-std::string joined(const Args& args) {
-  std::string s;
-  for (const auto& a : args) s += a + " ";
-  return s;
-}
-
-const char* kEmptyJson = "{\n\t\"devices\" : []\n}\n\n";
-
-std::string jsonDevice(const std::string& type, const std::string& ip, const std::string& name,
-                       const std::string& version) {
+std::string json(const std::string& type, const std::string& ip, const std::string& name,
+                 const std::string& version) {
   return "\t\t{\n\t\t\t\"device_type\" : \"" + type + "\",\n\t\t\t\"ip\" : \"" + ip +
          "\",\n\t\t\t\"name\" : \"" + name + "\",\n\t\t\t\"version\" : \"" + version + "\"\n\t\t}";
 }
 
-// A LAN with one device of every kind the tool has to cope with.
-//   .7   MORL only, no services: a name but no type, no HTTP server
-//   .9   MORL only, extender_dorn
-//   .10  MORL only, pallor_module
-//   .11  MORL and mDNS + HTTP, extender_quin
-//   .20  mDNS + HTTP only, extender_fell
-//   .21  MORL with service type 7 ("uknown"); its HTTP server would rename it if asked
-//   .22  mDNS + HTTP only, but its info reply is text/plain
-class MixedLan : public testing::Test {
- protected:
-  void SetUp() override {
-    VARNOCK_REQUIRE_LAN();
-    lan_ = std::make_unique<Lan>(std::vector<int>{7, 9, 10, 11, 20, 21, 22});
-    ASSERT_TRUE(lan_->ok());
-    Lan& lan = *lan_;
-    startDevice(lan, 7, {"--name", "Ctrl", "--software-version", "", "--no-http"});
-    startDevice(lan, 9,
-                {"--name", "Dorn-9", "--software-version", "1.0", "--service", "0:1", "--no-http"});
-    startDevice(
-        lan, 10,
-        {"--name", "Pallor-Main", "--software-version", "2.4.1", "--service", "2:1", "--no-http"});
-    startDevice(lan, 11, {"--name", "Both-11", "--software-version", "3.1", "--service", "3:1"});
-    startDevice(
-        lan, 20,
-        {"--name", "Http-20", "--software-version", "0.9", "--service", "4:1", "--no-morl"});
-    startDevice(lan, 21,
-                {"--name", "Odd-21", "--software-version", "7.7", "--service", "7:1", "--http-body",
-                 R"({"data":{"name":"Asked","version":"0","device_type":"x"}})"});
-    startDevice(lan, 22,
-                {"--name", "Plain-22", "--software-version", "1", "--service", "4:1", "--no-morl",
-                 "--http-content-type", "text/plain"});
-    for (int host : {11, 20, 22}) startResponder(lan, host);
-  }
+/// The threads write their log lines in any order; the result follows them all.
+std::string sortedLog(const std::string& out) {
+  size_t end = out.find("Result:\n") == std::string::npos ? 0 : out.find("Result:\n");
+  std::multiset<std::string> lines;
+  std::istringstream log(out.substr(0, end));
+  for (std::string line; std::getline(log, line);) lines.insert(line + "\n");
+  return std::accumulate(lines.begin(), lines.end(), std::string()) + out.substr(end);
+}
 
-  std::unique_ptr<Lan> lan_;
-};
-
-const char* kMixedText =
-    "      10.0.0.10:                    Pallor-Main               2.4.1\n"
-    "      10.0.0.11:                        Both-11                 3.1\n"
+const std::string kText =
+    "      10.0.0.10:                      Pallor-10               1.0.0\n"
+    "      10.0.0.11:                         Web-11                 3.2\n"
     "      10.0.0.20:                        Http-20                 0.9\n"
-    "      10.0.0.21:                         Odd-21                 7.7\n"
-    "       10.0.0.9:                         Dorn-9                 1.0\n";
+    "      10.0.0.21:                         Odd-21               1.0.0\n"
+    "       10.0.0.9:                         Dorn-9               1.0.0\n";
 
 }  // namespace
 
-TEST_F(MixedLan, TextListsNamedTypedDevicesInAddressTextOrder) {
-  // --request-timeout is accepted and changes nothing.
-  for (const Args& args : {Args{"-M", "1", "-T", "1"}, Args{"-M", "1", "-T", "1", "-r", "1"},
-                           Args{"--mdns-wait=1", "--morl-wait=1", "--request-timeout=65535"}}) {
-    auto r = varnock(*lan_, args);
-    EXPECT_EQ(r.status, 0) << joined(args);
-    EXPECT_EQ(r.out, kMixedText) << joined(args);
-    EXPECT_EQ(r.err, "") << joined(args);
-  }
-}
-
-TEST_F(MixedLan, AllAddsNamelessAndUntypedDevicesButNeverIPv6) {
-  auto r = varnock(*lan_, {"-a", "-M", "1", "-T", "1"});
-  EXPECT_EQ(r.status, 0);
-  EXPECT_EQ(r.out,
-            "      10.0.0.10:                    Pallor-Main               2.4.1\n"
-            "      10.0.0.11:                        Both-11                 3.1\n"
-            "      10.0.0.20:                        Http-20                 0.9\n"
-            "      10.0.0.21:                         Odd-21                 7.7\n"
-            "      10.0.0.22: \n"
-            "       10.0.0.7:                           Ctrl                    \n"
-            "       10.0.0.9:                         Dorn-9                 1.0\n");
-  EXPECT_EQ(r.err, "");
-}
-
-TEST_F(MixedLan, JsonDocumentHoldsTheSameDevicesWithTheirTypes) {
-  auto r = varnock(*lan_, {"--json", "-M", "1", "-T", "1"});
-  EXPECT_EQ(r.status, 0);
-  EXPECT_EQ(r.out, "{\n\t\"devices\" : \n\t[\n" +
-                       jsonDevice("pallor_module", "10.0.0.10", "Pallor-Main", "2.4.1") + ",\n" +
-                       jsonDevice("extender_quin", "10.0.0.11", "Both-11", "3.1") + ",\n" +
-                       jsonDevice("extender_fell", "10.0.0.20", "Http-20", "0.9") + ",\n" +
-                       jsonDevice("uknown", "10.0.0.21", "Odd-21", "7.7") + ",\n" +
-                       jsonDevice("extender_dorn", "10.0.0.9", "Dorn-9", "1.0") + "\n\t]\n}\n\n");
-  EXPECT_EQ(r.err, "");
-}
-
-TEST_F(MixedLan, EachSwitchRunsOnlyItsMethodAndBothRunNothing) {
-  auto mdns = varnock(*lan_, {"--mdns", "-M", "1"});
-  EXPECT_EQ(mdns.out,
-            "      10.0.0.11:                        Both-11                 3.1\n"
-            "      10.0.0.20:                        Http-20                 0.9\n");
-  auto morl = varnock(*lan_, {"--morl", "-T", "1", "-a"});
-  EXPECT_EQ(morl.out,
-            "      10.0.0.10:                    Pallor-Main               2.4.1\n"
-            "      10.0.0.11:                        Both-11                 3.1\n"
-            "      10.0.0.21:                         Odd-21                 7.7\n"
-            "       10.0.0.7:                           Ctrl                    \n"
-            "       10.0.0.9:                         Dorn-9                 1.0\n");
-  // Both switches: no discovery and no request, so the log holds only the result line.
-  auto none = varnock(*lan_, {"--mdns", "--morl", "-v", "-a"});
-  EXPECT_EQ(none.out, "Result:\n");
-  auto noneJson = varnock(*lan_, {"-m", "-t", "-j"});
-  EXPECT_EQ(noneJson.out, kEmptyJson);
-  for (const auto* r : {&mdns, &morl, &none, &noneJson}) {
-    EXPECT_EQ(r->status, 0);
-    EXPECT_EQ(r->err, "");
-  }
-}
-
-TEST_F(MixedLan, VerboseRunLogsEverySubsystemBeforeTheResult) {
-  auto r = varnock(*lan_, {"-v", "-M", "1", "-T", "1"});
-  EXPECT_EQ(r.status, 0);
-  EXPECT_EQ(r.err, "");
-  const std::string& out = r.out;
-  std::string result = std::string("Result:\n") + kMixedText;
-  ASSERT_GE(out.size(), result.size());
-  EXPECT_EQ(out.substr(out.size() - result.size()), result) << out;
-  // Each subsystem's lines, in the order each subsystem writes them.
-  std::vector<std::vector<std::string>> sequences{
-      {"Local IPv4 address: 0.0.0.0\n", "mDNS socket count: 2, querying...\n",
-       "Reading mDNS replies\n", "Sockets closed\n"},
-      {"--- --- ---\nData from 10.0.0.10\n3 blocks\n"},
-      {"--- --- ---\nData from 10.0.0.7\n2 blocks\n"},
-      {"Requesting 10.0.0.20/api/v1/info\n",
-       "Response 10.0.0.20/api/v1/info: 200, "
-       "{\"data\":{\"name\":\"Http-20\",\"version\":\"0.9\",\"device_type\":\"extender_fell\"}}\n",
-       "Result:\n"},
-      {"Requesting 10.0.0.22/api/v1/info\n", "Response 10.0.0.22/api/v1/info: 404, \n"},
-      // The mDNS reply over IPv6 leaves only a fragment of the address, which is
-      // asked and never printed.
-      {"Requesting [fe80/api/v1/info\n", "Error when opening socket to [fe80: "},
-      {"Sockets closed\n", "Requesting ", "Result:\n"},
-  };
-  for (const auto& seq : sequences) {
-    size_t at = 0;
-    for (const auto& line : seq) {
-      size_t found = out.find(line, at);
-      ASSERT_NE(found, std::string::npos) << "missing or out of order: " << line << "\n" << out;
-      at = found + line.size();
-    }
-  }
-  // Records with a known type are never asked, "uknown" included.
-  for (const char* ip : {"10.0.0.9/", "10.0.0.10/", "10.0.0.21/"})
-    EXPECT_EQ(out.find(std::string("Requesting ") + ip), std::string::npos) << ip;
-}
-
-TEST(VarnockLan, FailedMorlDiscoveryIsReportedAndMdnsDevicesStillListed) {
+// One device of every kind: .7 MORL only without service, so untyped and asked over HTTP
+// (refused); .9 .10 MORL only, typed; .11 MORL and mDNS, its HTTP answer unlike its MORL one:
+// the merge keeps the mDNS record (first), untyped, so it is asked; .20 mDNS and HTTP only,
+// .22 too but its reply is declared text/plain; .21 MORL with service type 7 ("uknown"):
+// never asked, though HTTP would rename it.
+TEST(VarnockLan, EachRunPrintsExactlyWhatItsMethodsFind) {
   VARNOCK_REQUIRE_LAN();
-  Lan lan({10, 20});
+  Lan lan({7, 9, 10, 11, 20, 21, 22});
   ASSERT_TRUE(lan.ok());
-  startDevice(lan, 10, {"--name", "Morl-10", "--service", "2:1", "--no-http"});
-  startDevice(lan, 20,
-              {"--name", "Http-20", "--software-version", "0.9", "--service", "4:1", "--no-morl"});
-  startResponder(lan, 20);
-  // Another program holds the MORL port on the finder.
-  lan.spawn("finder", {"/usr/bin/python3", "-c",
-                       "import socket,time\n"
-                       "s=socket.socket(socket.AF_INET,socket.SOCK_DGRAM)\n"
-                       "s.bind(('0.0.0.0',4792))\ntime.sleep(120)\n"});
-  ASSERT_TRUE(lan.waitForPort("finder", "udp", 4792));
+  const std::string web11 = R"({"data":{"name":"Web-11","version":"3.2","device_type":"x"}})";
+  const std::pair<int, Args> devices[] = {
+      {7, {"--name", "Ctrl", "--software-version", "", "--no-http"}},
+      {9, {"--name", "Dorn-9", "--service", "0:1", "--no-http"}},
+      {10, {"--name", "Pallor-10", "--service", "2:1", "--no-http"}},
+      {11, {"--name", "Both-11", "--service", "3:1", "--http-body", web11}},
+      {20, {"--name", "Http-20", "--software-version", "0.9", "--service", "4:1", "--no-morl"}},
+      {21, {"--name", "Odd-21", "--service", "7:1", "--http-body", R"({"data":{"name":"A"}})"}},
+      {22, {"--no-morl", "--http-content-type", "text/plain"}},
+  };
+  for (const auto& [host, args] : devices) ASSERT_TRUE(startDevice(lan, Lan::device(host), args));
+  for (int host : {11, 20, 22})
+    ASSERT_GT(lan.startMdnsResponder(Lan::device(host), "device-" + std::to_string(host)), 0);
 
+  struct Run {
+    Args args;
+    std::string out;
+    bool defaultWaits = false;
+  } runs[] = {
+      // The mDNS reply over IPv6 leaves only a fragment of the address: asked, never printed.
+      // The two searches run side by side, so with the default waits the run ends after
+      // about 5 seconds, not 10. The request timeout changes nothing. Run first, so that the
+      // devices' first contact with the finder (ARP) falls within the wide default waits.
+      {{"-v", "-r", "1"},
+       "Local IPv4 address: 0.0.0.0\nLocal IPv6 address: ::\nmDNS socket count: 2, querying...\n"
+       "Reading mDNS replies\nSockets closed\n"
+       "--- --- ---\nData from 10.0.0.7\n2 blocks\n--- --- ---\nData from 10.0.0.9\n3 blocks\n"
+       "--- --- ---\nData from 10.0.0.10\n3 blocks\n--- --- ---\nData from 10.0.0.11\n3 blocks\n"
+       "--- --- ---\nData from 10.0.0.21\n3 blocks\nRequesting 10.0.0.7/api/v1/info\n"
+       "Connect err 10.0.0.7/api/v1/info: Connection refused\nRequesting 10.0.0.11/api/v1/info\n"
+       "Requesting 10.0.0.20/api/v1/info\nResponse 10.0.0.20/api/v1/info: 200, {\"data\":{\"name\""
+       ":\"Http-20\",\"version\":\"0.9\",\"device_type\":\"extender_fell\"}}\n"
+       "Requesting 10.0.0.22/api/v1/info\nResponse 10.0.0.22/api/v1/info: 404, \n"
+       "Requesting [fe80/api/v1/info\nError when opening socket to [fe80: Invalid argument\n"
+       "Response 10.0.0.11/api/v1/info: 200, " +
+           web11 + "\nResult:\n" + kText,
+       true},
+      {{"--json", "-M", "1", "-T", "1"},
+       "{\n\t\"devices\" : \n\t[\n" + json("pallor_module", "10.0.0.10", "Pallor-10", "1.0.0") +
+           ",\n" + json("x", "10.0.0.11", "Web-11", "3.2") + ",\n" +
+           json("extender_fell", "10.0.0.20", "Http-20", "0.9") + ",\n" +
+           json("uknown", "10.0.0.21", "Odd-21", "1.0.0") + ",\n" +
+           json("extender_dorn", "10.0.0.9", "Dorn-9", "1.0.0") + "\n\t]\n}\n\n"},
+      {{"--mdns", "-M", "1", "-a"},
+       "      10.0.0.11:                         Web-11                 3.2\n"
+       "      10.0.0.20:                        Http-20                 0.9\n"
+       "      10.0.0.22: \n"},
+      {{"--morl", "-T", "1", "-a"},
+       "      10.0.0.10:                      Pallor-10               1.0.0\n"
+       "      10.0.0.11:                        Both-11               1.0.0\n"
+       "      10.0.0.21:                         Odd-21               1.0.0\n"
+       "       10.0.0.7:                           Ctrl                    \n"
+       "       10.0.0.9:                         Dorn-9               1.0.0\n"},
+      // Both switches: no discovery and no request, so the log holds only the result line.
+      {{"--mdns", "--morl", "-v", "-a"}, "Result:\n"},
+      {{"-m", "-t", "-j"}, "{\n\t\"devices\" : []\n}\n\n"},
+  };
+  for (const Run& run : runs) {
+    auto start = std::chrono::steady_clock::now();
+    auto r = varnock(lan, run.args);
+    std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
+    EXPECT_EQ(r.status, 0) << run.args[0];
+    EXPECT_EQ(sortedLog(r.out), sortedLog(run.out)) << run.args[0] << "\n" << r.out;
+    EXPECT_EQ(r.err, "") << run.args[0];
+    if (run.defaultWaits) EXPECT_TRUE(took.count() >= 5.0 && took.count() < 9.0) << took.count();
+  }
+}
+
+TEST(VarnockLan, FailedDiscoveryIsReportedAndTheOtherMethodStillLists) {
+  VARNOCK_REQUIRE_LAN();
+  Lan lan({20});
+  ASSERT_TRUE(lan.ok());
+  ASSERT_TRUE(startDevice(lan, Lan::device(20), {"--name", "Http-20", "--service", "4:1"}));
+  ASSERT_GT(lan.startMdnsResponder(Lan::device(20), "device-20"), 0);
+  ASSERT_TRUE(startDevice(lan, "finder", {"--no-http"}));  // holds the MORL port
+  const std::string morlError = "bind: Address already in use\nError: MORL discovery failed!";
   auto r = varnock(lan, {"-M", "1", "-T", "1"});
   EXPECT_EQ(r.status, 0);
-  EXPECT_EQ(r.out, "      10.0.0.20:                        Http-20                 0.9\n");
-  EXPECT_EQ(r.err, "bind: Address already in use\nError: MORL discovery failed!");
+  EXPECT_EQ(r.out, "      10.0.0.20:                        Http-20               1.0.0\n");
+  EXPECT_EQ(r.err, morlError);
 
-  // Without any address but loopback the mDNS discovery fails too; both
-  // texts run together, without a line end after them.
-  auto down = lan.run("finder", {"ip", "link", "set", "eth0", "down"});
-  ASSERT_EQ(down.status, 0) << down.err;
-  for (bool json : {false, true}) {
-    Args args{"-M", "1", "-T", "1"};
-    if (json) args.push_back("--json");
-    auto both = varnock(lan, args);
-    EXPECT_EQ(both.status, 0);
-    EXPECT_EQ(both.out, json ? kEmptyJson : "");
-    std::string err = both.err;
-    const std::string mdnsError = "Error: mDNS discovery failed!";
-    size_t at = err.find(mdnsError);
-    ASSERT_NE(at, std::string::npos) << err;
-    err.erase(at, mdnsError.size());
-    EXPECT_EQ(err, "bind: Address already in use\nError: MORL discovery failed!") << both.err;
-  }
-}
-
-TEST(VarnockLan, DefaultWaitsAreFiveSecondsEachSlow) {
-  VARNOCK_REQUIRE_LAN();
-  Lan lan({10});
-  ASSERT_TRUE(lan.ok());
-  startDevice(
-      lan, 10,
-      {"--name", "Pallor-Main", "--software-version", "2.4.1", "--service", "2:1", "--no-http"});
-  auto start = std::chrono::steady_clock::now();
-  auto r = varnock(lan, {});
-  auto seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-  EXPECT_EQ(r.out, "      10.0.0.10:                    Pallor-Main               2.4.1\n");
-  EXPECT_EQ(r.err, "");
-  EXPECT_GE(seconds, 5.0);
-  EXPECT_LT(seconds, 9.0);
+  // With no address but loopback mDNS fails too; its text, without a line end,
+  // may come anywhere among the MORL texts.
+  ASSERT_EQ(lan.run("finder", {"ip", "link", "set", "eth0", "down"}).status, 0);
+  r = varnock(lan, {"-M", "1", "-T", "1"});
+  EXPECT_EQ(r.status, 0);
+  EXPECT_EQ(r.out, "");
+  const std::string mdnsError = "Error: mDNS discovery failed!";
+  size_t at = r.err.find(mdnsError);
+  ASSERT_NE(at, std::string::npos) << r.err;
+  EXPECT_EQ(r.err.erase(at, mdnsError.size()), morlError);
 }
