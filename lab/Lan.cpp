@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <sched.h>
 #include <signal.h>
+#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -15,30 +16,32 @@
 
 namespace {
 
-// Runs argv (no shell) and waits for it; standard output and error go to the
-// given files, or are inherited when empty.
+// Starts argv (no shell) with standard input from /dev/null and standard output
+// and error written to the given files (one file may take both), or inherited
+// when empty. The child leads a process group of its own, so signals meant for
+// the test's group do not reach it. Returns -1 when it cannot be started.
 pid_t startProcess(const std::vector<std::string>& argv, const std::string& outPath,
                    const std::string& errPath) {
   std::vector<char*> args;
   for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
   args.push_back(nullptr);
-  pid_t pid = fork();
-  if (pid == 0) {
-    int devnull = open("/dev/null", O_RDONLY);
-    if (devnull >= 0) dup2(devnull, 0);
-    if (!outPath.empty()) {
-      int fd = open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-      if (fd >= 0) dup2(fd, 1);
-    }
-    if (!errPath.empty()) {
-      int fd = open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-      if (fd >= 0) dup2(fd, 2);
-    }
-    // Children must not be stopped by the test's own process group signals.
-    setpgid(0, 0);
-    execvp(args[0], args.data());
-    _exit(127);
-  }
+  const int mode = O_WRONLY | O_CREAT | O_TRUNC;
+  posix_spawn_file_actions_t files;
+  posix_spawn_file_actions_init(&files);
+  posix_spawn_file_actions_addopen(&files, 0, "/dev/null", O_RDONLY, 0);
+  if (!outPath.empty()) posix_spawn_file_actions_addopen(&files, 1, outPath.c_str(), mode, 0644);
+  if (!errPath.empty() && errPath == outPath)
+    posix_spawn_file_actions_adddup2(&files, 1, 2);
+  else if (!errPath.empty())
+    posix_spawn_file_actions_addopen(&files, 2, errPath.c_str(), mode, 0644);
+  posix_spawnattr_t attr;
+  posix_spawnattr_init(&attr);
+  posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETPGROUP);
+  posix_spawnattr_setpgroup(&attr, 0);
+  pid_t pid = -1;
+  if (posix_spawnp(&pid, args[0], &files, &attr, args.data(), environ) != 0) pid = -1;
+  posix_spawn_file_actions_destroy(&files);
+  posix_spawnattr_destroy(&attr);
   return pid;
 }
 
@@ -51,6 +54,7 @@ int decodeStatus(int status) {
 int waitFor(pid_t pid, std::chrono::milliseconds timeout) {
   auto end = std::chrono::steady_clock::now() + timeout;
   int status = 0;
+  if (pid <= 0) return -1;
   while (true) {
     pid_t r = waitpid(pid, &status, WNOHANG);
     if (r == pid) return decodeStatus(status);
@@ -61,8 +65,7 @@ int waitFor(pid_t pid, std::chrono::milliseconds timeout) {
 }
 
 int shell(const std::vector<std::string>& argv) {
-  pid_t pid = startProcess(argv, "", "");
-  return pid < 0 ? -1 : waitFor(pid, std::chrono::minutes(5));
+  return waitFor(startProcess(argv, "", ""), std::chrono::minutes(5));
 }
 
 }  // namespace
