@@ -1,7 +1,8 @@
 // A hostile host of the simulated LAN. Run it only inside a namespace that
-// lab/lan.sh built: every packet goes to the finder's address, to the
-// segment's broadcast or from addresses the caller gives. Each mode stops by
-// itself after its packet count or its time, and prints one summary line.
+// lab/lan.sh built: every packet goes to the finder's addresses or to the
+// segment's broadcast, spoofed ones from addresses the caller gives. Each mode
+// stops by itself after SECONDS of attack (or on SIGTERM), RATE packets a
+// second, and prints one summary line.
 //
 //   varnock-hostile morl FINDER RATE SECONDS [REQUESTS%]
 //     MORL packets to port 4792, one of two to 255.255.255.255 and the other
@@ -128,11 +129,14 @@ size_t morlRequest(unsigned char* out, MORL::Header::Type type, const Uuid& sour
 }
 
 // One hostile MORL datagram of kind `kind` % 8; `pending` is the finder's
-// sequence number (a guess until its request was heard).
-size_t morlAttack(unsigned kind, uint16_t pending, unsigned char (&out)[1500]) {
+// sequence number, once its request was heard.
+size_t morlAttack(unsigned kind, const uint16_t* pending, unsigned char (&out)[1500]) {
   Uuid stranger;
   randomBytes(stranger, 12);
-  const uint16_t wrong = static_cast<uint16_t>(pending + 1 + roll(65535));
+  // Before the finder's number is known, a "wrong" one might be right by chance.
+  if (!pending && kind % 8 == 5) kind = 0;
+  const uint16_t sequence = pending ? *pending : 0;
+  const uint16_t wrong = static_cast<uint16_t>(sequence + 1 + roll(65535));
   switch (kind % 8) {
     case 0: {  // random bytes
       size_t n = 1 + roll(1400);
@@ -140,11 +144,12 @@ size_t morlAttack(unsigned kind, uint16_t pending, unsigned char (&out)[1500]) {
       return n;
     }
     case 1:  // truncated
-      return 1 + roll(static_cast<unsigned>(morlResponse(out, pending, stranger, kFinderUuid)) - 1);
+      return 1 +
+             roll(static_cast<unsigned>(morlResponse(out, sequence, stranger, kFinderUuid)) - 1);
     case 2: {  // oversized: longer than the finder's 1024-byte buffer, length field to match
       MORL::Header h;
       h.flags = MORL::Header::FlagResponse;
-      h.sequenceNumber = pending;
+      h.sequenceNumber = sequence;
       std::memcpy(h.sourceUuid, stranger, 12);
       std::memcpy(h.destinationUuid, kFinderUuid, 12);
       h.payloadLength = sizeof out - 34;
@@ -153,22 +158,22 @@ size_t morlAttack(unsigned kind, uint16_t pending, unsigned char (&out)[1500]) {
       return sizeof out;
     }
     case 3: {  // wrong CRC: one bit of the header flipped
-      size_t n = morlResponse(out, pending, stranger, kFinderUuid);
+      size_t n = morlResponse(out, sequence, stranger, kFinderUuid);
       out[roll(34)] ^= static_cast<unsigned char>(1u << roll(8));
       return n;
     }
     case 4: {  // wrong length: one byte more or less than the header says
-      size_t n = morlResponse(out, pending, stranger, kFinderUuid);
+      size_t n = morlResponse(out, sequence, stranger, kFinderUuid);
       return roll(2) ? n - 1 : n + 1;
     }
     case 5:  // wrong sequence
       return morlResponse(out, wrong, stranger, kFinderUuid);
     case 6:  // wrong destination: a response or a directed request for somebody else
-      if (roll(2)) return morlResponse(out, pending, stranger, stranger);
+      if (roll(2)) return morlResponse(out, sequence, stranger, stranger);
       return morlRequest(out, roll(2) ? MORL::Header::DirectedDiscovery : MORL::Header::Whistle,
                          stranger, stranger);
     default:  // self-sourced: the finder's own UUID as source
-      if (roll(2)) return morlResponse(out, pending, kFinderUuid, kFinderUuid);
+      if (roll(2)) return morlResponse(out, sequence, kFinderUuid, kFinderUuid);
       return morlRequest(out, MORL::Header::Discovery, kFinderUuid, stranger);
   }
 }
@@ -201,9 +206,10 @@ int morl(uint32_t finder, unsigned long rate, double seconds, unsigned requestSh
     for (unsigned long i = 0; i < due; ++i, ++sent) {
       Uuid stranger;
       randomBytes(stranger, 12);
-      size_t size = roll(100) < requestShare
-                        ? morlRequest(packet, MORL::Header::Discovery, stranger, stranger, 0)
-                        : morlAttack(static_cast<unsigned>(sent / 2), pending, packet);
+      size_t size =
+          roll(100) < requestShare
+              ? morlRequest(packet, MORL::Header::Discovery, stranger, stranger, 0)
+              : morlAttack(static_cast<unsigned>(sent / 2), heard < 0 ? nullptr : &pending, packet);
       const sockaddr_in& to = targets[sent % 2];
       if (sendto(out, packet, size, 0, reinterpret_cast<const sockaddr*>(&to), sizeof to) < 0)
         ++failed;
