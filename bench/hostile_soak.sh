@@ -168,8 +168,9 @@ run() {  # BUILD LABEL CAP
   local b=$1 label=$2 cap=$3 out="$work/$2" verbose=()
   mkdir -p "$out"
   [ "$cap" -gt 0 ] && verbose=(-v)
-  local before
+  local before load
   before=$(counters)
+  load=$(cut -d' ' -f1-3 /proc/loadavg)
   node 30 "$label.morl" "$tools/lab/varnock-hostile" morl "$(ip 1)" "$MORL_RATE" $((flood + MDNS_WAIT + 25)) 1
   local morl_pid=$!
   node 31 "$label.mdns" "$tools/lab/varnock-hostile" mdns "$(ip 1)" "$MDNS_RATE" "$flood" 10.0.4.1 "$SPOOFED"
@@ -198,7 +199,7 @@ run() {  # BUILD LABEL CAP
   threads=$(cat "$out/threads")
   last=$(sed -n 's/.*last=\([0-9.]*\).*/\1/p' "$work/$label.mdns")
   say "$label: exit $status, wall ${wall:-?} s, CPU ${user:-?} + ${sys:-?} s, peak RSS $((${rss:-0} / 1024)) MiB," \
-    "peak threads $threads; $(uptime | sed 's/.*load/load/')"
+    "peak threads $threads; load average $load before, $(cut -d' ' -f1-3 /proc/loadavg) after"
   say "  $(cat "$work/$label.morl")"
   say "  $(cat "$work/$label.mdns")"
   local a=($after) z=($before) drops="" i
