@@ -18,6 +18,9 @@
 # fields; the end within the waits plus the 15 s of HTTP deadlines after the
 # last mDNS flood packet (+1 s); peak RSS and peak threads within their bounds;
 # the attacks delivered (MORL rate >= 10,000/s, the spoofed records asked).
+# Each run also shows the UDP receive-buffer drops of the finder and of the
+# MORL devices during the MORL wait and after it: a device that dropped
+# packets during the wait may have lost the finder's request.
 # One more run of the first build has its threads capped at THREAD_CAP (a PID
 # namespace's pid_max): request threads that cannot start are logged and
 # skipped, and the valid devices are still listed.
@@ -185,11 +188,14 @@ run() {  # BUILD LABEL CAP
   ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 \
     "$L" exec "$lan" finder -- "${cmd[@]}" >"$out/out" 2>"$out/err" &
   local runner=$!
+  (sleep "$MORL_WAIT.2" && counters >"$out/mid") &
+  local mid=$!
   python3 "$root/bench/peak_threads.py" "$runner" >"$out/threads" &
   local sampler=$!
   wait "$runner" || true
   end=$(date +%s.%N)
   wait "$sampler" || true
+  wait "$mid" || true
   wait "$mdns_pid" || true
   kill -TERM "$morl_pid" 2>/dev/null || true
   wait "$morl_pid" || true
@@ -202,9 +208,9 @@ run() {  # BUILD LABEL CAP
     "peak threads $threads; load average $load before, $(cut -d' ' -f1-3 /proc/loadavg) after"
   say "  $(cat "$work/$label.morl")"
   say "  $(cat "$work/$label.mdns")"
-  local a=($after) z=($before) drops="" i
-  for i in "${!a[@]}"; do drops+="$((a[i] - z[i])) "; done
-  say "  UDP receive-buffer drops during the run (finder d10 d11 d12 d13): $drops"
+  local a=($after) m=($(cat "$out/mid")) z=($before) early="" late="" i
+  for i in "${!a[@]}"; do early+="$((m[i] - z[i])) " late+="$((a[i] - m[i])) "; done
+  say "  UDP receive-buffer drops (finder d10 d11 d12 d13) during the MORL wait: $early; after it: $late"
   [ "$status" = 0 ] || fail "exit status $status"
   if [ -s "$out/err" ]; then fail "standard error:"; head -20 "$out/err"; fi
   local listed
