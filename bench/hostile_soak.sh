@@ -64,13 +64,8 @@ L="$root/lab/lan.sh"
 tools=${builds[0]}
 work=$(mktemp -d)
 pids=()
-cleanup() {
-  for pid in "${pids[@]}"; do kill -TERM "$pid" 2>/dev/null || true; done
-  for pid in "${pids[@]}"; do wait "$pid" 2>/dev/null || true; done
-  "$L" down "$lan" || true
-  rm -rf "$work"
-}
-trap cleanup EXIT
+# Every process started here, by PID; lan.sh down stops what is left in the LAN.
+trap 'kill -TERM "${pids[@]}" 2>/dev/null; wait "${pids[@]}" 2>/dev/null; "$L" down "$lan"; rm -rf "$work"' EXIT
 say() { printf '%s\n' "$*"; }
 failures=0
 fail() { say "  FAIL: $*"; failures=$((failures + 1)); }
