@@ -196,7 +196,7 @@ run() {  # BUILD LABEL CAP
   wait "$morl_pid" || true
   local after status wall user sys rss threads last
   after=$(counters)
-  read -r status wall user sys rss <"$out/time" || status=-1
+  read -r status wall user sys rss < <(tail -1 "$out/time") || status=-1
   threads=$(cat "$out/threads")
   last=$(sed -n 's/.*last=\([0-9.]*\).*/\1/p' "$work/$label.mdns")
   say "$label: exit $status, wall ${wall:-?} s, CPU ${user:-?} + ${sys:-?} s, peak RSS $((${rss:-0} / 1024)) MiB," \

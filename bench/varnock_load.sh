@@ -133,7 +133,7 @@ run_size() {  # MORL MDNS
     python3 "$work/counters.py" <"$work/pids" >"$work/c1"
     softnet_drops >"$work/s1"
     local wall user sys rss listed missing=0
-    read -r wall user sys rss <"$work/time"
+    read -r wall user sys rss < <(tail -1 "$work/time")
     awk -v w="$wall" 'BEGIN { printf "%.2f\n", w - 1 }' >>"$work/over"
     awk -v u="$user" -v s="$sys" 'BEGIN { printf "%.2f\n", u + s }' >>"$work/cpu"
     echo $((rss / 1024)) >>"$work/rss"
