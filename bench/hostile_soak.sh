@@ -58,7 +58,7 @@ if [ -z "${VARNOCK_SOAK_ISOLATED:-}" ]; then
   VARNOCK_SOAK_ISOLATED=1 exec "$root/lab/isolated.sh" "$0" --runs "$runs" --flood "$flood" "${builds[@]}"
 fi
 
-MDNS_WAIT=2 MORL_WAIT=3 MORL_RATE=15000 MDNS_RATE=10000 SPOOFED=2000 THREAD_CAP=600
+MDNS_WAIT=2 MORL_WAIT=3 MORL_RATE=15000 MDNS_RATE=10000 SPOOFED=2000 SPOOF_FIRST=10.0.4.1 THREAD_CAP=600
 lan=soak
 L="$root/lab/lan.sh"
 tools=${builds[0]}
@@ -131,16 +131,15 @@ for h in "${valid[@]}" "${hostile_http[@]}"; do wait_for "$work/d$h.log" ready; 
 for h in 10 14 "${hostile_http[@]}"; do wait_for "$work/avahi$h.log" "successfully established"; done
 
 # The finder reaches every spoofed address through d31, without resolving it.
-python3 - "$(ip 31)" "$("$L" mac 31)" "$SPOOFED" >"$work/spoofed.batch" <<'PY'
+python3 - "$SPOOF_FIRST" "$SPOOFED" "$("$L" mac 31)" >"$work/spoofed.batch" <<'PY'
 import ipaddress, sys
-a, n = int(ipaddress.IPv4Address("10.0.4.1")), 0
-while n < int(sys.argv[3]):
+a, n = int(ipaddress.IPv4Address(sys.argv[1])), 0
+while n < int(sys.argv[2]):
     if a & 255 not in (0, 255):
-        print(f"neigh replace {ipaddress.IPv4Address(a)} lladdr {sys.argv[2]} dev eth0 nud permanent"); n += 1
+        print(f"neigh replace {ipaddress.IPv4Address(a)} lladdr {sys.argv[3]} dev eth0 nud permanent"); n += 1
     a += 1
 PY
 "$L" exec "$lan" finder -- ip -batch "$work/spoofed.batch"
-
 
 udp_counter() {  # NODE NAME: a Udp counter of the node's namespace
   "$L" exec "$lan" "$1" -- awk -v k="$2" '/^Udp:/ { if (!n) { for (i = 1; i <= NF; i++) if ($i == k) c = i; n = 1 } else print $c }' /proc/net/snmp
@@ -171,7 +170,7 @@ run() {  # BUILD LABEL CAP
   load=$(cut -d' ' -f1-3 /proc/loadavg)
   node 30 "$label.morl" "$tools/lab/varnock-hostile" morl "$(ip 1)" "$MORL_RATE" $((flood + MDNS_WAIT + 25)) 1
   local morl_pid=$!
-  node 31 "$label.mdns" "$tools/lab/varnock-hostile" mdns "$(ip 1)" "$MDNS_RATE" "$flood" 10.0.4.1 "$SPOOFED"
+  node 31 "$label.mdns" "$tools/lab/varnock-hostile" mdns "$(ip 1)" "$MDNS_RATE" "$flood" "$SPOOF_FIRST" "$SPOOFED"
   local mdns_pid=$!
   sleep 0.2
   local cmd=(/usr/bin/time -f "%x %e %U %S %M" -o "$out/time" "$b/app/varnock" -M "$MDNS_WAIT"
@@ -215,10 +214,10 @@ for d in json.load(sys.stdin)["devices"]: print(d["ip"], d["name"], d["version"]
     listed="(no JSON)"
   [ "$listed" = "$(sort <<<"$expected")" ] || { fail "listed:"; say "$listed"; }
   if [ -n "$last" ]; then
-    local late
-    late=$(python3 -c "print(round($end - max($start + $MORL_WAIT, $last + $MDNS_WAIT) - 15, 2))")
-    say "  ended $(python3 -c "print(round($end - $last, 2))") s after the last mDNS flood packet ($late s past the waits + 15 s)"
-    python3 -c "import sys; sys.exit($late > 1)" || fail "ended too late"
+    local over
+    over=$(python3 -c "print(round($end - max($start + $MORL_WAIT, $last + $MDNS_WAIT) - 15, 2))")
+    say "  ended $(python3 -c "print(round($end - $last, 2))") s after the last mDNS flood packet ($over s past the waits + 15 s)"
+    python3 -c "import sys; sys.exit($over > 1)" || fail "ended too late"
   else
     fail "the mDNS attack never started"
   fi
