@@ -111,12 +111,12 @@ run_size() {  # MORL MDNS
   done
   # Starting a thousand processes leaves the load high for a while: wait (up
   # to 2 minutes) for the one-minute load average to come down first.
-  local settle=$((SECONDS + 120))
+  local up=$((SECONDS - t0)) settle=$((SECONDS + 120))
   while [ "$(awk '{ print ($1 >= 2.5) }' /proc/loadavg)" = 1 ] && [ $SECONDS -lt $settle ]; do sleep 2; done
   echo
   echo "== $morl MORL + $mdns mDNS/HTTP devices, finder $("$L" ip "$lan" 1)/$(
     "$L" exec "$lan" finder -- ip -4 -o addr show dev eth0 | sed 's|.*/\([0-9]*\) .*|\1|')" \
-    "(LAN and devices up in $((SECONDS - t0)) s); $(uptime | sed 's/.*load/load/')"
+    "(LAN and devices up in $up s, load settled in $((SECONDS - t0 - up)) s); $(uptime | sed 's/.*load/load/')"
   : >"$work/over" >"$work/cpu" >"$work/rss" >"$work/threads" >"$work/missed"
   for i in $(seq "$runs"); do
     "$L" exec "$lan" finder -- cat /proc/net/snmp | awk '/^Udp:/ { if (n++) print $6 }' >"$work/f0"
