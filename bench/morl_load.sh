@@ -6,8 +6,9 @@
 #
 #   lab/isolated.sh bench/morl_load.sh BUILD_DIR [N...]     (default N: 250 500)
 #
-# N up to 253 gives a /24 (hosts 2..N+1); more gives a /23. Needs root; every
-# namespace and process is gone when isolated.sh returns.
+# Hosts from 2 on, skipping those whose last byte would be 0 or 255: N up to
+# 253 gives a /24, up to 1000 a /22 (lab/lan.sh). Needs root; every namespace
+# and process is gone when isolated.sh returns.
 set -euo pipefail
 
 build=${1:?usage: morl_load.sh BUILD_DIR [N...]}
@@ -27,7 +28,7 @@ rcvbuf_errors() {  # NS: the Udp RcvbufErrors counter of a namespace
 run_one() {
   local count=$1 name=ml$1 hosts=() h=2 logs pids=() started
   while [ ${#hosts[@]} -lt "$count" ]; do
-    [ "$h" -ne 255 ] && [ "$h" -ne 256 ] && hosts+=("$h")
+    [ $((h % 256)) -ne 0 ] && [ $((h % 256)) -ne 255 ] && hosts+=("$h")
     h=$((h + 1))
   done
   logs=$(mktemp -d)
@@ -46,8 +47,8 @@ run_one() {
   before=$(rcvbuf_errors "$name-f")
   out=$(ip netns exec "$name-f" "$driver" 1)
   after=$(rcvbuf_errors "$name-f")
-  local net=/24
-  [ "${hosts[-1]}" -gt 254 ] && net=/23
+  local net
+  net=$(ip netns exec "$name-f" ip -4 -o addr show dev eth0 | sed 's|.*/\([0-9]*\) .*|/\1|')
   echo "devices $count on a $net: $out, RcvbufErrors $((after - before))"
   kill "${pids[@]}" 2>/dev/null || true
   wait "${pids[@]}" 2>/dev/null || true

@@ -117,12 +117,9 @@ Lan::~Lan() {
 }
 
 std::string Lan::ip(int host) const {
-  if (host >= 256) {
-    auto dot = net_.rfind('.');
-    return net_.substr(0, dot + 1) + std::to_string(std::stoi(net_.substr(dot + 1)) + 1) + "." +
-           std::to_string(host - 256);
-  }
-  return net_ + "." + std::to_string(host);
+  auto dot = net_.rfind('.');
+  return net_.substr(0, dot + 1) + std::to_string(std::stoi(net_.substr(dot + 1)) + host / 256) +
+         "." + std::to_string(host % 256);
 }
 
 std::string Lan::ns(const std::string& node) const {

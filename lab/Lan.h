@@ -16,8 +16,9 @@ class Lan {
     std::string err;
   };
 
-  /// Device hosts by host number; the finder is `finderHost`. Addresses are
-  /// `net`.HOST (a /23 when a host number is above 254).
+  /// Device hosts by host number; the finder is `finderHost`. Host H is
+  /// A.B.(C + H / 256).(H % 256) of `net` A.B.C, on the smallest subnet from
+  /// /24 to /20 that holds every host (see lan.sh).
   explicit Lan(std::vector<int> deviceHosts, int finderHost = 1, std::string net = "10.0.0");
   ~Lan();
   Lan(const Lan&) = delete;

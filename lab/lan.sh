@@ -1,17 +1,29 @@
 #!/usr/bin/env bash
 # A simulated LAN of Linux network namespaces: a bridge in a namespace of its
-# own, one "finder" node and any number of device nodes, each joined to the
-# bridge by a veth pair. No link, address or process of the LAN ever exists in
-# the machine's own namespace. Needs root.
+# own (a chain of them past 500 nodes), one "finder" node and any number of
+# device nodes, each joined to the bridge by a veth pair. No link, address or
+# process of the LAN ever exists in the machine's own namespace. Needs root.
 #
-#   lan.sh up LAN [--net A.B.C] [--finder HOST] HOST...   create; HOST = host number
+#   lan.sh up LAN [--net A.B.C] [--finder HOST] [--prefix LEN] HOST...
+#                                                         create; HOST = host number
 #   lan.sh down LAN                                       kill its processes, remove it
 #   lan.sh exec LAN NODE -- COMMAND...                    run in a node (finder, dHOST, br)
 #   lan.sh ns LAN NODE                                    the namespace name of a node
-#   lan.sh ip LAN HOST                                    the address of a host number
+#   lan.sh ip LAN HOST [A.B.C]                            the address of a host number
+#   lan.sh mac HOST                                       the MAC address of a host number
 #
-# Host numbers run from 1 to 254 on a /24 (A.B.C.HOST); with any host above 254
-# the LAN is a /23 and host H > 255 becomes A.B.(C+1).(H-256).
+# Host H is A.B.(C + H / 256).(H % 256); host numbers whose last byte would be
+# 0 or 255 are refused. The subnet is the smallest from /24 to /20 that holds
+# every host (up to 4094), or a larger /LEN when given (for address ranges
+# beyond the nodes); A.B.C must start it.
+#
+# The neighbour (ARP) table is one per kernel, shared by every namespace, and
+# holds 1024 dynamic entries by default; a LAN of a thousand devices answering
+# the finder by unicast would overflow it. So every node has a fixed MAC
+# (`lan.sh mac`), the finder a permanent entry for every device, and every
+# device one for the finder (IPv4 and the finder's IPv6 link-local address):
+# permanent entries are not counted against that limit, and nobody has to
+# resolve anybody on the finder's account.
 set -euo pipefail
 
 die() { echo "lan.sh: $*" >&2; exit 2; }
@@ -28,7 +40,15 @@ ns_of() {  # LAN NODE
 addr_of() {  # NET HOST
   local a b c h=$2
   IFS=. read -r a b c <<<"$1"
-  if [ "$h" -ge 256 ]; then echo "$a.$b.$((c + 1)).$((h - 256))"; else echo "$a.$b.$c.$h"; fi
+  echo "$a.$b.$((c + h / 256)).$((h % 256))"
+}
+
+mac_of() {  # HOST: locally administered, 02:76:6b ("vk") and the host number
+  printf '02:76:6b:00:%02x:%02x\n' $(($1 / 256)) $(($1 % 256))
+}
+
+link_local_of() {  # HOST: the EUI-64 link-local address that mac_of gives
+  printf 'fe80::76:6bff:fe00:%x\n' "$1"
 }
 
 lan_namespaces() {  # LAN: every namespace of the LAN, bridge last
@@ -55,28 +75,41 @@ cmd_down() {
   for ns in $all; do ip netns del "$ns" 2>/dev/null || true; done
 }
 
-add_node() {  # LAN BRNS NODE ADDR PLEN
+add_node() {  # LAN BRNS NODE HOST ADDR PLEN
   local ns
   ns=$(ns_of "$1" "$3")
   ip netns add "$ns"
   # Link-local IPv6 must be usable at once: without this it stays tentative for
-  # about a second and multicast sends to ff02::fb fail.
+  # about a second and multicast sends to ff02::fb fail. No router ever
+  # answers here, and every node would keep soliciting one: on a LAN of a
+  # thousand nodes those multicasts, each copied to every port, overflow the
+  # kernel's per-CPU receive backlog (net.core.netdev_max_backlog) and it
+  # drops the LAN's other packets with them.
   nsenter --net="/run/netns/$ns" sysctl -qw net.ipv6.conf.all.accept_dad=0 \
-    net.ipv6.conf.default.accept_dad=0 >/dev/null
-  echo "link add $3 type veth peer name eth0 netns $ns" >>"$tmp/br.batch"
-  echo "link set $3 master br0 up" >>"$tmp/br.batch2"
+    net.ipv6.conf.default.accept_dad=0 net.ipv6.conf.default.router_solicitations=0 >/dev/null
+  echo "link add $3 type veth peer name eth0 netns $ns address $(mac_of "$4")" >>"$tmp/br.batch"
+  # Every 500 nodes get a bridge of their own: a bridge takes at most 1023
+  # ports, and it copies a broadcast to all of them at once into the per-CPU
+  # receive backlog, which holds 1000 packets (net.core.netdev_max_backlog).
+  echo "link set $3 master br$((nodes / 500)) up" >>"$tmp/br.batch2"
+  nodes=$((nodes + 1))
   # The default route lets the limited broadcast and the mDNS multicast out of eth0.
   printf 'link set lo up\naddr add %s/%s broadcast + dev eth0\nlink set eth0 up\nroute add default dev eth0\n' \
-    "$4" "$5" >"$tmp/$3.batch"
+    "$5" "$6" >"$tmp/$3.batch"
+}
+
+neighbour() {  # NODE ADDR HOST: a permanent neighbour entry in NODE's batch
+  echo "neigh replace $2 lladdr $(mac_of "$3") dev eth0 nud permanent" >>"$tmp/$1.batch"
 }
 
 cmd_up() {
   local lan=$1; shift
-  local net=10.0.0 finder=1 hosts=() h plen=24
+  local net=10.0.0 finder=1 hosts=() h plen=24 top=0 given=""
   while [ $# -gt 0 ]; do
     case "$1" in
       --net) net=$2; shift 2 ;;
       --finder) finder=$2; shift 2 ;;
+      --prefix) given=$2; shift 2 ;;
       *) hosts+=("$1"); shift ;;
     esac
   done
@@ -84,20 +117,43 @@ cmd_up() {
   [ ${#lan} -le 10 ] || die "LAN name too long: $lan"
   [ -z "$(lan_namespaces "$lan")" ] || die "LAN $lan exists already"
   for h in "$finder" "${hosts[@]}"; do
-    [[ "$h" =~ ^[0-9]+$ ]] && [ "$h" -ge 1 ] && [ "$h" -le 510 ] && [ "$h" -ne 255 ] && [ "$h" -ne 256 ] ||
-      die "bad host number $h"
-    [ "$h" -gt 254 ] && plen=23
+    [[ "$h" =~ ^[0-9]+$ ]] && [ "$h" -ge 1 ] && [ "$h" -le 4094 ] && [ $((h % 256)) -ne 0 ] &&
+      [ $((h % 256)) -ne 255 ] || die "bad host number $h"
+    [ "$h" -gt "$top" ] && top=$h
   done
+  while [ "$top" -ge $((1 << (32 - plen))) ]; do plen=$((plen - 1)); done
+  if [ -n "$given" ]; then
+    [[ "$given" =~ ^[0-9]+$ ]] && [ "$given" -ge 20 ] && [ "$given" -le "$plen" ] ||
+      die "--prefix must be 20 to $plen for these hosts"
+    plen=$given
+  fi
+  [ $((${net##*.} % (1 << (24 - plen)))) -eq 0 ] || die "$net.0 does not start a /$plen"
   tmp=$(mktemp -d)
-  trap 'rm -rf "$tmp"; [ "${ok:-0}" = 1 ] || cmd_down "$lan"' EXIT
+  trap "rm -rf '$tmp'; [ \"\${ok:-0}\" = 1 ] || cmd_down '$lan'" EXIT
   : >"$tmp/br.batch"; : >"$tmp/br.batch2"
-  local br="$lan-br"
+  local br="$lan-br" b
   ip netns add "$br"
+  # The bridges and their ports need no addresses of their own.
+  nsenter --net="/run/netns/$br" sysctl -qw net.ipv6.conf.all.disable_ipv6=1 \
+    net.ipv6.conf.default.disable_ipv6=1 >/dev/null
   ip -n "$br" link set lo up
-  ip -n "$br" link add br0 type bridge stp_state 0 forward_delay 0
-  ip -n "$br" link set br0 up
-  add_node "$lan" "$br" finder "$(addr_of "$net" "$finder")" "$plen"
-  for h in "${hosts[@]}"; do add_node "$lan" "$br" "d$h" "$(addr_of "$net" "$h")" "$plen"; done
+  # The bridges in a chain, one broadcast domain.
+  for b in $(seq 0 $((${#hosts[@]} / 500))); do
+    ip -n "$br" link add "br$b" type bridge stp_state 0 forward_delay 0
+    ip -n "$br" link set "br$b" up
+    [ "$b" -eq 0 ] && continue
+    ip -n "$br" link add "up$b" type veth peer name "down$b"
+    ip -n "$br" link set "up$b" master "br$((b - 1))" up
+    ip -n "$br" link set "down$b" master "br$b" up
+  done
+  nodes=0
+  add_node "$lan" "$br" finder "$finder" "$(addr_of "$net" "$finder")" "$plen"
+  for h in "${hosts[@]}"; do
+    add_node "$lan" "$br" "d$h" "$h" "$(addr_of "$net" "$h")" "$plen"
+    neighbour finder "$(addr_of "$net" "$h")" "$h"
+    neighbour "d$h" "$(addr_of "$net" "$finder")" "$finder"
+    neighbour "d$h" "$(link_local_of "$finder")" "$finder"
+  done
   ip -n "$br" -batch "$tmp/br.batch"
   ip -n "$br" -batch "$tmp/br.batch2"
   ip -n "$(ns_of "$lan" finder)" -batch "$tmp/finder.batch"
@@ -105,10 +161,10 @@ cmd_up() {
   ok=1
 }
 
-[ $# -ge 1 ] || die "usage: lan.sh up|down|exec|ns|ip LAN ..."
+[ $# -ge 1 ] || die "usage: lan.sh up|down|exec|ns|ip|mac ..."
 verb=$1; shift
 case "$verb" in
-  up) [ $# -ge 1 ] || die "usage: lan.sh up LAN [--net A.B.C] [--finder HOST] HOST..."; cmd_up "$@" ;;
+  up) [ $# -ge 1 ] || die "usage: lan.sh up LAN [--net A.B.C] [--finder HOST] [--prefix LEN] HOST..."; cmd_up "$@" ;;
   down) [ $# -eq 1 ] || die "usage: lan.sh down LAN"; cmd_down "$1" ;;
   exec)
     [ $# -ge 4 ] && [ "$3" = "--" ] || die "usage: lan.sh exec LAN NODE -- COMMAND..."
@@ -118,5 +174,6 @@ case "$verb" in
     ;;
   ns) ns_of "$1" "$2" ;;
   ip) addr_of "${3:-10.0.0}" "$2" ;;
+  mac) mac_of "$1" ;;
   *) die "unknown command $verb" ;;
 esac

@@ -15,7 +15,7 @@ packages=(
   libboost-dev libboost-program-options-dev libboost-regex-dev libboost-system-dev
   libjsoncpp-dev googletest libgtest-dev libgmock-dev libbenchmark-dev
   clang libclang-rt-14-dev clang-format
-  iproute2 iputils-ping util-linux procps
+  iproute2 iputils-ping util-linux procps time
   avahi-daemon avahi-utils netcat-openbsd python3 python3-zeroconf
   dpkg-dev file lintian man-db bash-completion
 )

@@ -59,4 +59,8 @@ TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 run_ctest "$out/tsan" -L '^
 step "Debian package"
 bash scripts/check-package.sh "$out/deb"
 
+# varnock, plain and with the sanitizers, on a LAN whose other hosts attack it.
+step "hostile LAN soak"
+LLVM_PROFILE_FILE=/dev/null bash bench/hostile_soak.sh --runs 1 --flood 3 "$out/plain" "$out/asan"
+
 step "all passed"

@@ -1,0 +1,250 @@
+#!/usr/bin/env bash
+# Hostile-LAN soak: `varnock -M 2 -T 3 --json` on a simulated LAN of five valid
+# devices while other hosts of the same LAN attack it for the whole run:
+#   d30  MORL packets to port 4792 (random, truncated, oversized, wrong CRC,
+#        length, sequence and destination, self-sourced; and 1 % well-formed
+#        requests that every node answers by broadcast), half to broadcast and
+#        half to the finder, MORL_RATE a second for the whole run;
+#   d31  malformed mDNS replies to the finder's query sockets, MDNS_RATE a
+#        second for FLOOD seconds, then silence; and, through a raw socket,
+#        well-formed replies from 2,000 spoofed addresses of the LAN's own
+#        /20 (10.0.4.1 on), which the finder then asks over HTTP all at once
+#        (permanent neighbour entries send those requests to d31, which drops
+#        them, so each one waits out its connect deadline);
+#   d20-d23  mDNS-announced HTTP hosts that answer garbage, close at once,
+#        answer one byte a second, or never answer.
+# Checks, for every run: exit status 0 and nothing on standard error (no
+# sanitizer report); exactly the five valid devices listed, with their exact
+# fields; the end within the waits plus the 15 s of HTTP deadlines after the
+# last mDNS flood packet (+1 s); peak RSS and peak threads within their bounds;
+# the attacks delivered (MORL rate >= 10,000/s, the spoofed records asked).
+# Each run also shows the UDP receive-buffer drops of the finder and of the
+# MORL devices during the MORL wait and after it: a device that dropped
+# packets during the wait may have lost the finder's request.
+# One more run of the first build has its threads capped at THREAD_CAP (a PID
+# namespace's pid_max): request threads that cannot start are logged and
+# skipped, and the valid devices are still listed.
+# On a LAN each host has a CPU of its own; here they all share the machine's
+# cores (two, and other work), and a valid device starved of CPU drops the
+# finder's request from a receive queue full of attack packets. So the valid
+# devices run at a raised CPU priority; the finder and the attackers at the
+# normal one. The devices and attackers are those of the first build.
+# Runs itself inside lab/isolated.sh; every packet stays inside the LAN it
+# builds. Needs root.
+#   bench/hostile_soak.sh [--runs N] [--flood SECONDS] BUILD [BUILD...]
+# A build whose varnock was built with VARNOCK_SANITIZE_ADDRESS runs with
+# ASAN_OPTIONS=detect_leaks=1:abort_on_error=1; set LLVM_PROFILE_FILE for a
+# coverage build.
+set -euo pipefail
+root=$(cd "$(dirname "$0")/.." && pwd)
+runs=5 flood=10
+while [ $# -gt 0 ]; do
+  case "$1" in
+    --runs) runs=$2; shift 2 ;;
+    --flood) flood=$2; shift 2 ;;
+    *) break ;;
+  esac
+done
+[ $# -ge 1 ] || { echo "usage: $0 [--runs N] [--flood SECONDS] BUILD [BUILD...]" >&2; exit 2; }
+[ "$(id -u)" -eq 0 ] || { echo "hostile_soak: needs root" >&2; exit 2; }
+builds=()
+for b in "$@"; do builds+=("$(cd "$b" && pwd)"); done
+for b in "${builds[@]}"; do
+  for exe in app/varnock device/varnock-device lab/varnock-hostile; do
+    [ -x "$b/$exe" ] || { echo "hostile_soak: build $exe in $b first" >&2; exit 2; }
+  done
+done
+if [ -z "${VARNOCK_SOAK_ISOLATED:-}" ]; then
+  VARNOCK_SOAK_ISOLATED=1 exec "$root/lab/isolated.sh" "$0" --runs "$runs" --flood "$flood" "${builds[@]}"
+fi
+
+MDNS_WAIT=2 MORL_WAIT=3 MORL_RATE=15000 MDNS_RATE=10000 SPOOFED=2000 SPOOF_FIRST=10.0.4.1 THREAD_CAP=600
+lan=soak
+L="$root/lab/lan.sh"
+tools=${builds[0]}
+work=$(mktemp -d)
+pids=()
+# Every process started here, by PID; lan.sh down stops what is left in the LAN.
+trap 'kill -TERM "${pids[@]}" 2>/dev/null; wait "${pids[@]}" 2>/dev/null; "$L" down "$lan"; rm -rf "$work"' EXIT
+say() { printf '%s\n' "$*"; }
+failures=0
+fail() { say "  FAIL: $*"; failures=$((failures + 1)); }
+
+# Valid devices: MORL with the type from MORL (d10 also by mDNS), "uknown"
+# kept as it is (d13), and one found by mDNS and asked over HTTP (d14).
+valid=(10 11 12 13 14)
+hostile_http=(20 21 22 23)
+"$L" up "$lan" --prefix 20 "${valid[@]}" "${hostile_http[@]}" 30 31 >/dev/null
+ip() { "$L" ip "$lan" "$1"; }
+node() {  # HOST LOG ARGS...: run in the background in dHOST
+  local h=$1 log=$2; shift 2
+  "$L" exec "$lan" "d$h" -- "$@" >"$work/$log" 2>&1 &
+  pids+=($!)
+}
+device() { local h=$1; shift; node "$h" "d$h.log" nice -n -10 "$tools/device/varnock-device" --name "$@"; }
+responder() {
+  "$root/lab/mdns-responder.sh" "$("$L" ns "$lan" "d$1")" "soak$1" >"$work/avahi$1.log" 2>&1 &
+  pids+=($!)
+}
+device 10 Dorn-Hall --software-version 1.0.3 --service 0:7
+device 11 Brask-Gate --software-version 2.0.0 --service 1:1 --no-http
+device 12 Fell-Lab --software-version 0.9.8 --service 3:1 --service 4:2 --no-http
+device 13 Odd-One --software-version 7.7 --service 7:1 --no-http
+device 14 Pallor-Main --software-version 2.4.1 --service 2:1 --no-morl
+expected=$(printf '%s\n' "$(ip 10) Dorn-Hall 1.0.3 extender_dorn" \
+  "$(ip 11) Brask-Gate 2.0.0 extender_brask" "$(ip 12) Fell-Lab 0.9.8 extender_fell" \
+  "$(ip 13) Odd-One 7.7 uknown" "$(ip 14) Pallor-Main 2.4.1 pallor_module")
+
+# Misbehaving HTTP hosts; they end by themselves when the soak's time is up.
+budget=$(((flood + MDNS_WAIT + 25) * (runs * ${#builds[@]} + 1) + 60))
+cat >"$work/bad_http.py" <<'PY'
+import os, socket, sys, threading, time
+mode, end = sys.argv[1], time.monotonic() + float(sys.argv[2])
+head = b"HTTP/1.1 200 OK\r\nContent-Type: application/json\r\nContent-Length: 40\r\n\r\n"
+def serve(c):
+    try:
+        if mode != "close":
+            c.recv(4096)
+            if mode == "garbage": c.sendall(os.urandom(1024))
+            for b in head if mode == "slow" else b"":
+                if time.monotonic() > end: break
+                c.send(bytes([b])); time.sleep(1)
+            while mode == "never" and time.monotonic() < end: time.sleep(0.5)
+    except OSError: pass
+    c.close()
+s = socket.socket(); s.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+s.bind(("0.0.0.0", 80)); s.listen(64); s.settimeout(0.5); print("ready", flush=True)
+while time.monotonic() < end:
+    try: threading.Thread(target=serve, args=(s.accept()[0],), daemon=True).start()
+    except socket.timeout: pass
+PY
+modes=(garbage close slow never)
+for i in 0 1 2 3; do
+  node "${hostile_http[$i]}" "d${hostile_http[$i]}.log" /usr/bin/python3 "$work/bad_http.py" "${modes[$i]}" "$budget"
+done
+for h in 10 14 "${hostile_http[@]}"; do responder "$h"; done
+wait_for() {  # FILE TEXT
+  for _ in $(seq 600); do grep -q "$2" "$1" 2>/dev/null && return 0; sleep 0.05; done
+  echo "hostile_soak: '$2' never appeared in $1" >&2; cat "$1" >&2; exit 1
+}
+for h in "${valid[@]}" "${hostile_http[@]}"; do wait_for "$work/d$h.log" ready; done
+for h in 10 14 "${hostile_http[@]}"; do wait_for "$work/avahi$h.log" "successfully established"; done
+
+# The finder reaches every spoofed address through d31, without resolving it.
+python3 - "$SPOOF_FIRST" "$SPOOFED" "$("$L" mac 31)" >"$work/spoofed.batch" <<'PY'
+import ipaddress, sys
+a, n = int(ipaddress.IPv4Address(sys.argv[1])), 0
+while n < int(sys.argv[2]):
+    if a & 255 not in (0, 255):
+        print(f"neigh replace {ipaddress.IPv4Address(a)} lladdr {sys.argv[3]} dev eth0 nud permanent"); n += 1
+    a += 1
+PY
+"$L" exec "$lan" finder -- ip -batch "$work/spoofed.batch"
+
+udp_counter() {  # NODE NAME: a Udp counter of the node's namespace
+  "$L" exec "$lan" "$1" -- awk -v k="$2" '/^Udp:/ { if (!n) { for (i = 1; i <= NF; i++) if ($i == k) c = i; n = 1 } else print $c }' /proc/net/snmp
+}
+counters() { for n in finder d10 d11 d12 d13; do printf '%s ' "$(udp_counter "$n" RcvbufErrors)"; done; }
+
+# Thread bound: while the records are asked, the main thread, four I/O
+# threads and one thread per record asked (the discovery threads have ended);
+# a record per spoofed address and at most one per other LAN node (11), plus
+# the one that every IPv6 sender collapses into ("[fe80"). Exact, not a guess.
+thread_bound=$((SPOOFED + 11 + 1 + 5))
+# RSS bound: a base plus a cost per request thread (the stack pages it
+# touches, its stream, buffers and allocator caches), each about twice what
+# the soak measures (plain: about 8 MiB + 11 KiB a thread; with AddressSanitizer
+# about 20 MiB + 135 KiB a thread).
+rss_bound() {  # VARNOCK: in KiB
+  if nm "$1" 2>/dev/null | grep __asan_init >/dev/null; then echo $((48 * 1024 + thread_bound * 256))
+  else echo $((16 * 1024 + thread_bound * 24)); fi
+}
+
+# One attacked run; CAP > 0 caps the process's threads (pid_max of a PID namespace).
+run() {  # BUILD LABEL CAP
+  local b=$1 label=$2 cap=$3 out="$work/$2" verbose=()
+  mkdir -p "$out"
+  [ "$cap" -gt 0 ] && verbose=(-v)
+  local before load
+  before=$(counters)
+  load=$(cut -d' ' -f1-3 /proc/loadavg)
+  node 30 "$label.morl" "$tools/lab/varnock-hostile" morl "$(ip 1)" "$MORL_RATE" $((flood + MDNS_WAIT + 25)) 1
+  local morl_pid=$!
+  node 31 "$label.mdns" "$tools/lab/varnock-hostile" mdns "$(ip 1)" "$MDNS_RATE" "$flood" "$SPOOF_FIRST" "$SPOOFED"
+  local mdns_pid=$!
+  sleep 0.2
+  local cmd=(/usr/bin/time -f "%x %e %U %S %M" -o "$out/time" "$b/app/varnock" -M "$MDNS_WAIT"
+    -T "$MORL_WAIT" --json "${verbose[@]}")
+  [ "$cap" -gt 0 ] && cmd=(unshare --pid --fork --mount --mount-proc sh -c
+    "echo $cap >/proc/sys/kernel/pid_max && exec \"\$@\"" sh "${cmd[@]}")
+  local start end
+  start=$(date +%s.%N)
+  ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 \
+    "$L" exec "$lan" finder -- "${cmd[@]}" >"$out/out" 2>"$out/err" &
+  local runner=$!
+  (sleep "$MORL_WAIT.2" && counters >"$out/mid") &
+  local mid=$!
+  python3 "$root/bench/peak_threads.py" "$runner" >"$out/threads" &
+  local sampler=$!
+  wait "$runner" || true
+  end=$(date +%s.%N)
+  wait "$sampler" || true
+  wait "$mid" || true
+  wait "$mdns_pid" || true
+  kill -TERM "$morl_pid" 2>/dev/null || true
+  wait "$morl_pid" || true
+  local after status wall user sys rss threads last
+  after=$(counters)
+  read -r status wall user sys rss < <(tail -1 "$out/time") || status=-1
+  threads=$(cat "$out/threads")
+  last=$(sed -n 's/.*last=\([0-9.]*\).*/\1/p' "$work/$label.mdns")
+  say "$label: exit $status, wall ${wall:-?} s, CPU ${user:-?} + ${sys:-?} s, peak RSS $((${rss:-0} / 1024)) MiB," \
+    "peak threads $threads; load average $load before, $(cut -d' ' -f1-3 /proc/loadavg) after"
+  say "  $(cat "$work/$label.morl")"
+  say "  $(cat "$work/$label.mdns")"
+  local a=($after) m=($(cat "$out/mid")) z=($before) early="" late="" i
+  for i in "${!a[@]}"; do early+="$((m[i] - z[i])) " late+="$((a[i] - m[i])) "; done
+  say "  UDP receive-buffer drops (finder d10 d11 d12 d13) during the MORL wait: $early; after it: $late"
+  [ "$status" = 0 ] || fail "exit status $status"
+  if [ -s "$out/err" ]; then fail "standard error:"; head -20 "$out/err"; fi
+  local listed
+  listed=$(sed -n '/^{/,$p' "$out/out" | python3 -c '
+import json, sys
+for d in json.load(sys.stdin)["devices"]: print(d["ip"], d["name"], d["version"], d["device_type"])' | sort) ||
+    listed="(no JSON)"
+  [ "$listed" = "$(sort <<<"$expected")" ] || { fail "listed:"; say "$listed"; }
+  if [ -n "$last" ]; then
+    local over
+    over=$(python3 -c "print(round($end - max($start + $MORL_WAIT, $last + $MDNS_WAIT) - 15, 2))")
+    say "  ended $(python3 -c "print(round($end - $last, 2))") s after the last mDNS flood packet ($over s past the waits + 15 s)"
+    python3 -c "import sys; sys.exit($over > 1)" || fail "ended too late"
+  else
+    fail "the mDNS attack never started"
+  fi
+  local morl_rate
+  morl_rate=$(sed -n 's/.*(\([0-9]*\)\/s, half.*/\1/p' "$work/$label.morl")
+  [ "${morl_rate:-0}" -ge 10000 ] || fail "MORL attack at ${morl_rate:-0}/s, below 10,000/s"
+  if [ "$cap" -gt 0 ]; then
+    local skipped
+    skipped=$(grep -c "^Error when opening socket to .*: Resource temporarily unavailable" "$out/out" || true)
+    say "  threads capped at $cap: $skipped request threads could not start (logged and skipped)"
+    [ "$skipped" -gt 0 ] || fail "no request thread was refused: the cap did not bite"
+    [ "$threads" -le "$cap" ] || fail "more threads ($threads) than the cap"
+  else
+    local bound
+    bound=$(rss_bound "$b/app/varnock")
+    [ "$threads" -ge "$SPOOFED" ] || fail "only $threads threads: the spoofed records were not asked at once"
+    [ "$threads" -le "$thread_bound" ] || fail "peak threads $threads above the bound $thread_bound"
+    [ "${rss:-0}" -le "$bound" ] || fail "peak RSS ${rss:-0} KiB above the bound $bound KiB"
+    say "  bounds: threads $thread_bound, RSS $((bound / 1024)) MiB"
+  fi
+}
+
+say "hostile LAN: finder $(ip 1), valid ${valid[*]/#/d}, bad HTTP ${hostile_http[*]/#/d}, attackers d30 d31;" \
+  "$runs run(s) per build, mDNS flood $flood s"
+for b in "${builds[@]}"; do
+  for r in $(seq "$runs"); do run "$b" "$(basename "$b")-$r" 0; done
+done
+run "${builds[0]}" "$(basename "${builds[0]}")-capped" "$THREAD_CAP"
+if [ "$failures" -gt 0 ]; then say "hostile_soak: $failures check(s) failed"; exit 1; fi
+say "hostile_soak: every check passed"
