@@ -93,8 +93,7 @@ std::string Lan::script(const std::string& name) {
   return std::string(VARNOCK_LAN_DIR) + "/" + name;
 }
 
-Lan::Lan(std::vector<int> deviceHosts, int finderHost, std::string net)
-    : net_(std::move(net)), hosts_(std::move(deviceHosts)) {
+Lan::Lan(std::vector<int> deviceHosts, int finderHost, std::string net) : net_(std::move(net)) {
   static std::atomic<int> counter{0};
   name_ = "vk" + std::to_string(getpid() % 100000) + "x" + std::to_string(counter++);
   char dir[] = "/tmp/varnock-lan.XXXXXX";
@@ -102,7 +101,7 @@ Lan::Lan(std::vector<int> deviceHosts, int finderHost, std::string net)
   if (!haveRoot()) return;
   std::vector<std::string> argv{script("lan.sh"),          "up", name_, "--net", net_, "--finder",
                                 std::to_string(finderHost)};
-  for (int h : hosts_) argv.push_back(std::to_string(h));
+  for (int h : deviceHosts) argv.push_back(std::to_string(h));
   ok_ = shell(argv) == 0;
 }
 
@@ -127,11 +126,16 @@ std::string Lan::ns(const std::string& node) const {
   return name_ + "-" + node;
 }
 
-pid_t Lan::spawn(const std::string& node, const std::vector<std::string>& argv,
-                 const std::string& logPath) {
+std::vector<std::string> Lan::inNode(const std::string& node,
+                                     const std::vector<std::string>& argv) const {
   std::vector<std::string> full{"ip", "netns", "exec", ns(node)};
   full.insert(full.end(), argv.begin(), argv.end());
-  pid_t pid = startProcess(full, logPath, logPath);
+  return full;
+}
+
+pid_t Lan::spawn(const std::string& node, const std::vector<std::string>& argv,
+                 const std::string& logPath) {
+  pid_t pid = startProcess(inNode(node, argv), logPath, logPath);
   if (pid > 0) children_.push_back(pid);
   return pid;
 }
@@ -155,10 +159,8 @@ Lan::Result Lan::run(const std::string& node, const std::vector<std::string>& ar
   int n = counter++;
   std::string out = scratch_ + "/run" + std::to_string(n) + ".out";
   std::string err = scratch_ + "/run" + std::to_string(n) + ".err";
-  std::vector<std::string> full{"ip", "netns", "exec", ns(node)};
-  full.insert(full.end(), argv.begin(), argv.end());
   Result r;
-  pid_t pid = startProcess(full, out, err);
+  pid_t pid = startProcess(inNode(node, argv), out, err);
   r.status = waitFor(pid, timeout);
   if (r.status == -2) {
     kill(pid, SIGKILL);

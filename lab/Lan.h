@@ -60,9 +60,12 @@ class Lan {
   pid_t startMdnsResponder(const std::string& node, const std::string& hostName);
 
  private:
+  /// argv run inside the node's network namespace.
+  std::vector<std::string> inNode(const std::string& node,
+                                  const std::vector<std::string>& argv) const;
+
   std::string name_;
   std::string net_;
-  std::vector<int> hosts_;
   bool ok_ = false;
   int homeNetns_ = -1;
   std::vector<pid_t> children_;
