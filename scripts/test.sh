@@ -3,8 +3,9 @@
 # line and branch coverage of each product folder), the
 # AddressSanitizer + UndefinedBehaviorSanitizer build (with the fuzz targets,
 # each run for a bounded time), the ThreadSanitizer build of the threaded
-# parts, and the formatting check. Run as root: the network tests build their
-# own namespaces (without root they skip themselves).
+# parts, the formatting check, the Debian package's checks, and a short soak of
+# varnock on a simulated LAN whose other hosts attack it. Run as root: the
+# network tests build their own namespaces (without root they skip themselves).
 #   scripts/test.sh [fuzz-seconds-per-target]
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
