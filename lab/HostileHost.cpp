@@ -51,8 +51,15 @@ volatile std::sig_atomic_t stopped = 0;
 unsigned int roll(unsigned int n) {
   return std::uniform_int_distribution<unsigned int>(0, n - 1)(rng);
 }
+// A draw per byte would cost more than sending the packet, so random bytes
+// are cut at a random offset from one pool drawn at start-up.
 void randomBytes(unsigned char* p, size_t n) {
-  for (size_t i = 0; i < n; ++i) p[i] = static_cast<unsigned char>(roll(256));
+  static const std::vector<unsigned char> pool = [] {
+    std::vector<unsigned char> bytes(1 << 16);
+    for (unsigned char& b : bytes) b = static_cast<unsigned char>(roll(256));
+    return bytes;
+  }();
+  std::memcpy(p, pool.data() + roll(static_cast<unsigned>(pool.size() - n)), n);
 }
 
 sockaddr_in v4(uint32_t address, unsigned short port) {
