@@ -52,7 +52,7 @@ unsigned int roll(unsigned int n) {
   return std::uniform_int_distribution<unsigned int>(0, n - 1)(rng);
 }
 // A draw per byte would cost more than sending the packet, so random bytes
-// are cut at a random offset from one pool drawn at start-up.
+// are cut at a random offset from one pool, drawn on first use.
 void randomBytes(unsigned char* p, size_t n) {
   static const std::vector<unsigned char> pool = [] {
     std::vector<unsigned char> bytes(1 << 16);
