@@ -12,7 +12,7 @@ builddir=${1:-"$root/build"}
 
 packages=(
   g++ cmake ninja-build pkg-config
-  libboost-dev libboost-program-options-dev libboost-regex-dev libboost-system-dev
+  libboost1.81-dev libboost-program-options1.81-dev libboost-regex1.81-dev libboost-system1.81-dev
   libjsoncpp-dev googletest libgtest-dev libgmock-dev libbenchmark-dev
   clang libclang-rt-14-dev clang-format
   iproute2 iputils-ping util-linux procps time
@@ -45,6 +45,16 @@ if [ ${#missing[@]} -gt 0 ]; then
   chmod 755 "$policy"
   export DEBIAN_FRONTEND=noninteractive
   apt-get update -qq
+  # apt may remove only older Boost development packages, which conflict with
+  # the ones listed; any other removal is refused before anything changes.
+  removals=$(apt-get install -s --no-install-recommends "${missing[@]}" | awk '$1 == "Remv" {print $2}')
+  if [ -n "$removals" ]; then
+    echo "setup: replacing $(paste -sd ' ' - <<<"$removals")" >&2
+    if grep -qv '^libboost.*-dev$' <<<"$removals"; then
+      echo "setup: refusing to remove packages other than older Boost development files" >&2
+      exit 1
+    fi
+  fi
   apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
   restore
   trap - EXIT
