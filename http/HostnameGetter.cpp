@@ -18,6 +18,7 @@
 #include <thread>
 #include <utility>
 
+#include "qm/ErrorText.h"
 #include "qm/log.h"
 
 namespace {
@@ -194,7 +195,7 @@ void HostnameGetter::SendRequest(Entry& entry, net::io_context& ioc) {
   try {
     res = request(ioc, http::verb::get, entry.ip, target);
   } catch (const std::exception& e) {
-    logd("Error when opening socket to %s: %s", entry.ip.c_str(), e.what());
+    logd("Error when opening socket to %s: %s", entry.ip.c_str(), errorText(e).c_str());
   }
   if (res.result_int() != 200) return;
   applyInfo(res.body(), entry);
@@ -225,7 +226,7 @@ void HostnameGetter::gather(std::vector<Entry>& entries) {
                                 "no I/O thread");
       requests.emplace_back([&entry, &ioc] { SendRequest(entry, ioc); });
     } catch (const std::exception& e) {
-      logd("Error when opening socket to %s: %s", entry.ip.c_str(), e.what());
+      logd("Error when opening socket to %s: %s", entry.ip.c_str(), errorText(e).c_str());
     }
   }
   for (std::thread& t : requests) t.join();

@@ -10,6 +10,7 @@
 
 #include "morl/ControllerInfo.h"
 #include "morl/udp_server.h"
+#include "qm/ErrorText.h"
 
 namespace {
 
@@ -92,7 +93,7 @@ bool MORL_Discover::discover(unsigned int seconds) {
     entries.erase(std::unique(entries.begin(), entries.end()), entries.end());
     return true;
   } catch (const std::exception& e) {
-    std::cerr << e.what() << "\n";
+    std::cerr << errorText(e) << "\n";
     return false;
   }
 }

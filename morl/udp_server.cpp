@@ -8,6 +8,7 @@
 #include <boost/asio/socket_base.hpp>
 #include <boost/system/system_error.hpp>
 
+#include "qm/ErrorText.h"
 #include "qm/log.h"
 
 namespace {
@@ -64,7 +65,7 @@ void udp_server::stop() {
   try {
     socket->close();
   } catch (const boost::system::system_error& e) {
-    logd("Exception while closing udp_server socket: %s", e.what());
+    logd("Exception while closing udp_server socket: %s", errorText(e).c_str());
   }
   delete socket;
 }

@@ -12,7 +12,7 @@ builddir=${1:-"$root/build"}
 
 packages=(
   g++ cmake ninja-build pkg-config
-  libboost1.81-dev libboost-program-options1.81-dev libboost-regex1.81-dev libboost-system1.81-dev
+  libboost1.81-dev libboost-program-options1.81-dev
   libjsoncpp-dev googletest libgtest-dev libgmock-dev libbenchmark-dev
   clang libclang-rt-14-dev clang-format
   iproute2 iputils-ping util-linux procps time
