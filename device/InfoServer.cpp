@@ -10,6 +10,8 @@
 #include <boost/beast/core.hpp>
 #include <boost/beast/http.hpp>
 
+#include "http/HostnameGetter.h"
+
 namespace beast = boost::beast;
 namespace http = beast::http;
 
@@ -56,7 +58,7 @@ class Session : public std::enable_shared_from_this<Session> {
     reply.version(request.version());
     reply.keep_alive(request.keep_alive());
     reply.set(http::field::server, "varnock-device");
-    if (request.method() == http::verb::get && request.target() == "/api/v1/info") {
+    if (request.method() == http::verb::get && request.target() == HostnameGetter::kTarget) {
       reply.result(config.httpStatus);
       reply.set(http::field::content_type, config.httpContentType);
       reply.body() = config.httpBodySet ? config.httpBody : infoJson(config);

@@ -7,8 +7,10 @@
 #include <boost/asio/buffer.hpp>
 #include <boost/asio/steady_timer.hpp>
 
+#include "morl/udp_server.h"
+
 namespace {
-constexpr unsigned short morlPort = 4792;
+constexpr unsigned short morlPort = udp_server::port;
 }
 
 MorlNode::MorlNode(boost::asio::io_context& context, const DeviceConfig& config)

@@ -33,7 +33,6 @@ constexpr unsigned short kPort = 80;
 constexpr std::chrono::seconds kDeadline{5};
 constexpr std::chrono::milliseconds kPollStep{10};
 constexpr int kRunners = 4;
-const char* const kTarget = "/api/v1/info";
 const char* const kInfoKeys[] = {"name", "version", "device_type"};
 
 // The completion of one asynchronous step, handed from its handler on a runner

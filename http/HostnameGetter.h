@@ -29,4 +29,7 @@ class HostnameGetter {
   /// Returns false, leaving the record unchanged, when the body is not JSON or
   /// one of the three members is an array or object, which have no text form.
   static bool applyInfo(const std::string& body, Entry& entry);
+
+  /// The path every device serves its info on.
+  static constexpr const char* kTarget = "/api/v1/info";
 };

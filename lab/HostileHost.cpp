@@ -32,21 +32,21 @@
 #include <thread>
 #include <vector>
 
+#include "mdns/MDNSDiscovery.h"
 #include "morl/DeviceInfoBlock.h"
 #include "morl/Header.h"
 #include "morl/SupportedServiceBlock.h"
 #include "morl/TameStatusBlock.h"
+#include "morl/udp_server.h"
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
 using Uuid = unsigned char[12];
-constexpr unsigned short kMorlPort = 4792;
-constexpr unsigned short kMdnsPort = 5353;
 const Uuid kFinderUuid = {1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 1};
 const unsigned char kHttpName[] = "\x05_http\x04_tcp\x05local";  // with its zero byte
 
-std::mt19937 rng(4792);
+std::mt19937 rng;
 volatile std::sig_atomic_t stopped = 0;
 unsigned int roll(unsigned int n) {
   return std::uniform_int_distribution<unsigned int>(0, n - 1)(rng);
@@ -101,26 +101,34 @@ double paced(unsigned long rate, double seconds, Tick tick) {
   }
 }
 
-// A complete Discovery response (126 bytes) that the finder would accept if
-// its sequence, destination and source were right.
+using H = MORL::Header;
+using Info = MORL::DeviceInfoBlock;
+using Service = MORL::SupportedServiceBlock;
+using Tame = MORL::TameStatusBlock;
+
+// A complete Discovery response that the finder would accept if its sequence,
+// destination and source were right.
+constexpr size_t kResponseSize =
+    H::PackedSize + Info::PackedSize + Service::PackedSize + Tame::PackedSize;
 size_t morlResponse(unsigned char* out, uint16_t sequence, const Uuid& source, const Uuid& to) {
-  MORL::Header h;
-  h.flags = MORL::Header::FlagResponse | MORL::Header::FlagUnicast;
+  H h;
+  h.flags = H::FlagResponse | H::FlagUnicast;
   h.sequenceNumber = sequence;
   std::memcpy(h.sourceUuid, source, 12);
   std::memcpy(h.destinationUuid, to, 12);
-  h.payloadLength = 67 + 8 + 17;
-  MORL::DeviceInfoBlock info;
+  h.payloadLength = kResponseSize - H::PackedSize;
+  Info info;
   std::memcpy(info.uuid, source, 12);
   std::strcpy(info.deviceName, "hostile");
   std::strcpy(info.softwareVersion, "6.6.6");
-  MORL::SupportedServiceBlock service;
+  Service service;
   service.serviceType = MORL::ServiceType::PallorModule;
-  h.pack({out, 34});
-  info.pack({out + 34, 67});
-  service.pack({out + 101, 8});
-  MORL::TameStatusBlock().pack({out + 109, 17});
-  return 126;
+  unsigned char* at = out;
+  h.pack({at, H::PackedSize});
+  info.pack({at += H::PackedSize, Info::PackedSize});
+  service.pack({at += Info::PackedSize, Service::PackedSize});
+  Tame().pack({at += Service::PackedSize, Tame::PackedSize});
+  return kResponseSize;
 }
 
 size_t morlRequest(unsigned char* out, MORL::Header::Type type, const Uuid& source, const Uuid& to,
@@ -131,8 +139,8 @@ size_t morlRequest(unsigned char* out, MORL::Header::Type type, const Uuid& sour
   h.sequenceNumber = static_cast<uint16_t>(roll(65536));
   std::memcpy(h.sourceUuid, source, 12);
   std::memcpy(h.destinationUuid, to, 12);
-  h.pack({out, 34});
-  return 34;
+  h.pack({out, H::PackedSize});
+  return H::PackedSize;
 }
 
 // One hostile MORL datagram of kind `kind` % 8; `pending` is the finder's
@@ -159,14 +167,14 @@ size_t morlAttack(unsigned kind, const uint16_t* pending, unsigned char (&out)[1
       h.sequenceNumber = sequence;
       std::memcpy(h.sourceUuid, stranger, 12);
       std::memcpy(h.destinationUuid, kFinderUuid, 12);
-      h.payloadLength = sizeof out - 34;
+      h.payloadLength = sizeof out - H::PackedSize;
       randomBytes(out, sizeof out);
-      h.pack({out, 34});
+      h.pack({out, H::PackedSize});
       return sizeof out;
     }
     case 3: {  // wrong CRC: one bit of the header flipped
       size_t n = morlResponse(out, sequence, stranger, kFinderUuid);
-      out[roll(34)] ^= static_cast<unsigned char>(1u << roll(8));
+      out[roll(H::PackedSize)] ^= static_cast<unsigned char>(1u << roll(8));
       return n;
     }
     case 4: {  // wrong length: one byte more or less than the header says
@@ -189,14 +197,14 @@ int morl(uint32_t finder, unsigned long rate, double seconds, unsigned requestSh
   int out = udpSocket(AF_INET, 0);
   // Bound to the broadcast address, so that connecting it does not narrow it
   // to the host's own address: it hears only the finder's broadcasts.
-  int ear = udpSocket(AF_INET, kMorlPort, INADDR_BROADCAST);
-  sockaddr_in finderMorl = v4(finder, kMorlPort);
+  int ear = udpSocket(AF_INET, udp_server::port, INADDR_BROADCAST);
+  sockaddr_in finderMorl = v4(finder, udp_server::port);
   if (out < 0 || ear < 0 ||
       connect(ear, reinterpret_cast<sockaddr*>(&finderMorl), sizeof finderMorl) != 0) {
     std::perror("varnock-hostile morl: socket");
     return 1;
   }
-  const sockaddr_in targets[2] = {v4(INADDR_BROADCAST, kMorlPort), finderMorl};
+  const sockaddr_in targets[2] = {v4(INADDR_BROADCAST, udp_server::port), finderMorl};
   uint16_t pending = 0;
   double heard = -1;
   unsigned long sent = 0, failed = 0;
@@ -285,9 +293,9 @@ int mdns(uint32_t finder, unsigned long rate, double seconds, uint32_t spoofFirs
   int s4 = udpSocket(AF_INET, kMdnsPort), s6 = udpSocket(AF_INET6, kMdnsPort);
   int raw = socket(AF_INET, SOCK_RAW, IPPROTO_RAW);
   ip_mreq group4{};
-  group4.imr_multiaddr.s_addr = inet_addr("224.0.0.251");
+  group4.imr_multiaddr.s_addr = htonl(kGroupIPv4);
   ipv6_mreq group6{};
-  inet_pton(AF_INET6, "ff02::fb", &group6.ipv6mr_multiaddr);
+  inet_pton(AF_INET6, kGroupIPv6, &group6.ipv6mr_multiaddr);
   group6.ipv6mr_interface = if_nametoindex("eth0");
   if (s4 < 0 || s6 < 0 || raw < 0 ||
       setsockopt(s4, IPPROTO_IP, IP_ADD_MEMBERSHIP, &group4, sizeof group4) != 0 ||

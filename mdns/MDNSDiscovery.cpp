@@ -33,8 +33,6 @@ using mdns_record_callback_fn = int (*)(int sock, const sockaddr* from, size_t a
 
 constexpr int kMaxSockets = 32;
 constexpr size_t kBufferSize = 2048;
-constexpr uint16_t kMdnsPort = 5353;
-constexpr uint32_t kGroupIPv4 = 0xE00000FB;  // 224.0.0.251
 constexpr uint16_t kClassIn = 1;
 constexpr uint16_t kClassInUnicastResponse = 0x8001;
 constexpr uint16_t kTypePtr = 12;
@@ -216,7 +214,7 @@ int openIPv6Socket(sockaddr_in6* saddr, unsigned short port) {
   setsockopt(sock, IPPROTO_IPV6, IPV6_MULTICAST_HOPS, &hops, sizeof hops);
   setsockopt(sock, IPPROTO_IPV6, IPV6_MULTICAST_LOOP, &loop, sizeof loop);
   ipv6_mreq req{};
-  inet_pton(AF_INET6, "ff02::fb", &req.ipv6mr_multiaddr);
+  inet_pton(AF_INET6, kGroupIPv6, &req.ipv6mr_multiaddr);
   req.ipv6mr_interface = anyInterface;
   if (setsockopt(sock, IPPROTO_IPV6, IPV6_JOIN_GROUP, &req, sizeof req) != 0) {
     close(sock);
@@ -393,7 +391,7 @@ int MDNS_Discover::send_mdns_request(long waitSeconds) {
         sockaddr_in6 to{};
         to.sin6_family = AF_INET6;
         to.sin6_port = htons(kMdnsPort);
-        inet_pton(AF_INET6, "ff02::fb", &to.sin6_addr);
+        inet_pton(AF_INET6, kGroupIPv6, &to.sin6_addr);
         sent = sendto(sockets[i], buffer, length, 0, reinterpret_cast<const sockaddr*>(&to),
                       sizeof to) >= 0;
       } else {

@@ -9,6 +9,10 @@
 
 #include "qm/Entry.h"
 
+constexpr uint16_t kMdnsPort = 5353;
+constexpr uint32_t kGroupIPv4 = 0xE00000FB;  ///< 224.0.0.251, in host order
+constexpr const char* kGroupIPv6 = "ff02::fb";
+
 /// Finds hosts that answer a multicast DNS query for PTR "_http._tcp.local" on
 /// every interface address. One object per run; runs must not overlap, since
 /// they share `entries`.

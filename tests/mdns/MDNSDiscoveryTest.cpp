@@ -48,7 +48,7 @@ TEST(MdnsReply, RecordsTheSenderOncePerWellFormedRecord) {
   // clang-format on
   sockaddr_in from{};
   from.sin_family = AF_INET;
-  from.sin_port = htons(5353);
+  from.sin_port = htons(kMdnsPort);
   from.sin_addr.s_addr = inet_addr("192.168.1.20");
   const auto* sa = reinterpret_cast<const sockaddr*>(&from);
   for (const auto& [what, datagram, records] : replies) {
@@ -78,7 +78,7 @@ TEST(MdnsDiscoverLan, FinderAddressesDecideTheSocketsAndTheLog) {
             times(32, v4) + count + "32, querying...\n" + read},
            // The IPv6 query is refused after the IPv4 one went out.
            {"ip -6 rule add pref 100 table local; ip -6 rule del pref 0 table local; "
-            "ip -6 rule add pref 10 ipproto udp dport 5353 prohibit", 0,
+            "ip -6 rule add pref 10 ipproto udp dport " + std::to_string(kMdnsPort) + " prohibit", 0,
             v4 + "Local IPv6 address: ::\n" + count + "2, querying...\n"
                "Failed to send mDNS query: Permission denied\n"}}) {
     // clang-format on
@@ -108,9 +108,9 @@ TEST(MdnsDiscoverLan, RespondersGiveOneRecordPerAddressAndEveryReplyRestartsTheS
   const int responder = socket(AF_INET, SOCK_DGRAM, 0);
   sockaddr_in any{};
   any.sin_family = AF_INET;
-  any.sin_port = htons(5353);
+  any.sin_port = htons(kMdnsPort);
   ASSERT_EQ(bind(responder, reinterpret_cast<const sockaddr*>(&any), sizeof any), 0);
-  const ip_mreq group{{inet_addr("224.0.0.251")}, {inet_addr("10.0.0.20")}};
+  const ip_mreq group{{htonl(kGroupIPv4)}, {inet_addr("10.0.0.20")}};
   ASSERT_EQ(setsockopt(responder, IPPROTO_IP, IP_ADD_MEMBERSHIP, &group, sizeof group), 0);
   Bytes query(64);
   std::thread replies([&] {
