@@ -103,6 +103,7 @@ TEST(MorlParser, KeepsTheValidKnownBlocks) {
       {InfoDev + Svc2 + Svc4 + Tame0, "0+67 67+8 75+8 83+17"},
       {Unknown5 + Svc1 + Unknown10 + Svc2 + Unknown67 + Tame0, "5+8 23+8 98+17"},
       {Svc1 + Tame0 + " 03 03 03 03", "0+8 8+17"},
+      {Svc3, "0+8"},  // a block of the smallest size, ending where the payload ends
       // A damaged block costs 67 bytes, and with them the blocks that start there.
       {BadTame0 + repeat(Svc1, 6) + " 00 00" + Svc2 + Tame0, "67+8 75+17"},
       {Svc1 + BadTame0 + Svc2 + Tame0, "0+8"},

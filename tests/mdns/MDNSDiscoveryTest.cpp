@@ -39,6 +39,7 @@ TEST(MdnsReply, RecordsTheSenderOncePerWellFormedRecord) {
       {"OwnerPointerAtTheEnd", header(0, 1, 0, 0) + pointer(24) + tail, 1},
       {"OwnerPointerPastTheEnd", header(0, 1, 0, 0) + pointer(0x3FFF) + tail, 1},
       {"OwnerPointerToALabelThatDoesNotFit", header(0, 1, 0, 0) + pointer(23) + tail, 1},
+      {"OwnerPointerToALabelEndingAtTheEnd", header(0, 1, 0, 0) + pointer(24) + record(16, {1, 'x'}), 1},
       {"PointerCutAfterItsFirstByte", header(0, 2, 0, 0) + hidden + Bytes{0xC0}, 1},
       {"QuestionOf64Labels", header(1, 1, 0, 0) + labels(64) + u16(12) + u16(1) + hidden, 1},
       {"QuestionOf65Labels", header(1, 1, 0, 0) + labels(65) + u16(12) + u16(1) + hidden, 0},
