@@ -68,6 +68,14 @@ int shell(const std::vector<std::string>& argv) {
   return waitFor(startProcess(argv, "", ""), std::chrono::minutes(5));
 }
 
+/// The standard output of argv, without its last newline; `path` holds it meanwhile.
+std::string output(const std::vector<std::string>& argv, const std::string& path) {
+  waitFor(startProcess(argv, path, ""), std::chrono::minutes(1));
+  std::string text = Lan::readText(path);
+  if (!text.empty() && text.back() == '\n') text.pop_back();
+  return text;
+}
+
 }  // namespace
 
 bool Lan::haveRoot() { return geteuid() == 0; }
@@ -122,13 +130,14 @@ std::string Lan::ip(int host) const {
 }
 
 std::string Lan::ns(const std::string& node) const {
-  if (node == "finder") return name_ + "-f";
-  return name_ + "-" + node;
+  static std::atomic<int> counter{0};
+  return output({script("lan.sh"), "ns", name_, node},
+                scratch_ + "/ns" + std::to_string(counter++) + ".out");
 }
 
 std::vector<std::string> Lan::inNode(const std::string& node,
                                      const std::vector<std::string>& argv) const {
-  std::vector<std::string> full{"ip", "netns", "exec", ns(node)};
+  std::vector<std::string> full{script("lan.sh"), "exec", name_, node, "--"};
   full.insert(full.end(), argv.begin(), argv.end());
   return full;
 }
@@ -184,22 +193,16 @@ bool Lan::enter(const std::string& node) {
 
 bool Lan::waitForPort(const std::string& node, const std::string& proto, int port,
                       std::chrono::milliseconds timeout) {
-  auto end = std::chrono::steady_clock::now() + timeout;
-  std::string flag = proto == "udp" ? "-lunH" : "-ltnH";
-  while (std::chrono::steady_clock::now() < end) {
-    Result r = run(node, {"ss", flag, "sport = :" + std::to_string(port)},
-                   std::chrono::milliseconds(5000));
-    if (r.status == 0 && !r.out.empty()) return true;
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  }
-  return false;
+  auto seconds = std::chrono::ceil<std::chrono::seconds>(timeout).count();
+  return shell({"env", "VARNOCK_WAIT=" + std::to_string(seconds), script("lib.sh"), "wait_port",
+                name_, node, proto, std::to_string(port)}) == 0;
 }
 
 pid_t Lan::startMdnsResponder(const std::string& node, const std::string& hostName) {
   std::string log = scratch_ + "/avahi-" + hostName + ".log";
-  std::vector<std::string> argv{script("mdns-responder.sh"), ns(node), hostName};
+  std::vector<std::string> argv{script("mdns-responder.sh"), name_, node, hostName};
   pid_t pid = startProcess(argv, log, log);
   if (pid <= 0) return pid;
   children_.push_back(pid);
-  return waitForText(log, "successfully established", std::chrono::seconds(15)) ? pid : -1;
+  return waitForText(log, "ready\n") ? pid : -1;
 }

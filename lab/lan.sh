@@ -26,30 +26,8 @@
 # resolve anybody on the finder's account.
 set -euo pipefail
 
-die() { echo "lan.sh: $*" >&2; exit 2; }
-
-ns_of() {  # LAN NODE
-  case "$2" in
-    finder) echo "$1-f" ;;
-    br) echo "$1-br" ;;
-    d[0-9]*) echo "$1-$2" ;;
-    *) die "unknown node '$2' (finder, br or dHOST)" ;;
-  esac
-}
-
-addr_of() {  # NET HOST
-  local a b c h=$2
-  IFS=. read -r a b c <<<"$1"
-  echo "$a.$b.$((c + h / 256)).$((h % 256))"
-}
-
-mac_of() {  # HOST: locally administered, 02:76:6b ("vk") and the host number
-  printf '02:76:6b:00:%02x:%02x\n' $(($1 / 256)) $(($1 % 256))
-}
-
-link_local_of() {  # HOST: the EUI-64 link-local address that mac_of gives
-  printf 'fe80::76:6bff:fe00:%x\n' "$1"
-}
+# shellcheck source=lab/lib.sh
+source "$(dirname "$0")/lib.sh"
 
 lan_namespaces() {  # LAN: every namespace of the LAN, bridge last
   ip netns list | awk '{print $1}' | grep -E "^$1-(f|d[0-9]+)\$" || true
@@ -57,27 +35,26 @@ lan_namespaces() {  # LAN: every namespace of the LAN, bridge last
 }
 
 cmd_down() {
-  local lan=$1 ns pids
-  local all
-  all=$(lan_namespaces "$lan")
-  for ns in $all; do
-    pids=$(ip netns pids "$ns" 2>/dev/null || true)
-    [ -n "$pids" ] && kill -TERM $pids 2>/dev/null || true
+  local ns pids all
+  mapfile -t all < <(lan_namespaces "$1")
+  for ns in "${all[@]}"; do
+    mapfile -t pids < <(ip netns pids "$ns" 2>/dev/null || true)
+    [ ${#pids[@]} -eq 0 ] || kill -TERM "${pids[@]}" 2>/dev/null || true
   done
-  for ns in $all; do
+  for ns in "${all[@]}"; do
     for _ in 1 2 3 4 5 6 7 8 9 10; do
-      pids=$(ip netns pids "$ns" 2>/dev/null || true)
-      [ -z "$pids" ] && break
+      mapfile -t pids < <(ip netns pids "$ns" 2>/dev/null || true)
+      [ ${#pids[@]} -gt 0 ] || break
       sleep 0.1
     done
-    [ -n "$pids" ] && kill -KILL $pids 2>/dev/null || true
+    [ ${#pids[@]} -eq 0 ] || kill -KILL "${pids[@]}" 2>/dev/null || true
   done
-  for ns in $all; do ip netns del "$ns" 2>/dev/null || true; done
+  for ns in "${all[@]}"; do ip netns del "$ns" 2>/dev/null || true; done
 }
 
 add_node() {  # LAN BRNS NODE HOST ADDR PLEN
   local ns
-  ns=$(ns_of "$1" "$3")
+  ns=$(lan_ns "$1" "$3")
   ip netns add "$ns"
   # Link-local IPv6 must be usable at once: without this it stays tentative for
   # about a second and multicast sends to ff02::fb fail. No router ever
@@ -87,7 +64,7 @@ add_node() {  # LAN BRNS NODE HOST ADDR PLEN
   # drops the LAN's other packets with them.
   nsenter --net="/run/netns/$ns" sysctl -qw net.ipv6.conf.all.accept_dad=0 \
     net.ipv6.conf.default.accept_dad=0 net.ipv6.conf.default.router_solicitations=0 >/dev/null
-  echo "link add $3 type veth peer name eth0 netns $ns address $(mac_of "$4")" >>"$tmp/br.batch"
+  echo "link add $3 type veth peer name eth0 netns $ns address $(host_mac "$4")" >>"$tmp/br.batch"
   # Every 500 nodes get a bridge of their own: a bridge takes at most 1023
   # ports, and it copies a broadcast to all of them at once into the per-CPU
   # receive backlog, which holds 1000 packets (net.core.netdev_max_backlog).
@@ -99,7 +76,7 @@ add_node() {  # LAN BRNS NODE HOST ADDR PLEN
 }
 
 neighbour() {  # NODE ADDR HOST: a permanent neighbour entry in NODE's batch
-  echo "neigh replace $2 lladdr $(mac_of "$3") dev eth0 nud permanent" >>"$tmp/$1.batch"
+  echo "neigh replace $2 lladdr $(host_mac "$3") dev eth0 nud permanent" >>"$tmp/$1.batch"
 }
 
 cmd_up() {
@@ -113,25 +90,26 @@ cmd_up() {
       *) hosts+=("$1"); shift ;;
     esac
   done
-  [ "$(id -u)" -eq 0 ] || die "needs root"
+  need_root
   [ ${#lan} -le 10 ] || die "LAN name too long: $lan"
   [ -z "$(lan_namespaces "$lan")" ] || die "LAN $lan exists already"
   for h in "$finder" "${hosts[@]}"; do
-    [[ "$h" =~ ^[0-9]+$ ]] && [ "$h" -ge 1 ] && [ "$h" -le 4094 ] && [ $((h % 256)) -ne 0 ] &&
-      [ $((h % 256)) -ne 255 ] || die "bad host number $h"
+    host_usable "$h" || die "bad host number $h"
     [ "$h" -gt "$top" ] && top=$h
   done
   while [ "$top" -ge $((1 << (32 - plen))) ]; do plen=$((plen - 1)); done
   if [ -n "$given" ]; then
-    [[ "$given" =~ ^[0-9]+$ ]] && [ "$given" -ge 20 ] && [ "$given" -le "$plen" ] ||
+    { [[ "$given" =~ ^[0-9]+$ ]] && [ "$given" -ge 20 ] && [ "$given" -le "$plen" ]; } ||
       die "--prefix must be 20 to $plen for these hosts"
     plen=$given
   fi
   [ $((${net##*.} % (1 << (24 - plen)))) -eq 0 ] || die "$net.0 does not start a /$plen"
   tmp=$(mktemp -d)
-  trap "rm -rf '$tmp'; [ \"\${ok:-0}\" = 1 ] || cmd_down '$lan'" EXIT
+  building=$lan
+  trap 'rm -rf "$tmp"; [ "${ok:-0}" = 1 ] || cmd_down "$building"' EXIT
   : >"$tmp/br.batch"; : >"$tmp/br.batch2"
-  local br="$lan-br" b
+  local br b
+  br=$(lan_ns "$lan" br)
   ip netns add "$br"
   # The bridges and their ports need no addresses of their own.
   nsenter --net="/run/netns/$br" sysctl -qw net.ipv6.conf.all.disable_ipv6=1 \
@@ -147,17 +125,17 @@ cmd_up() {
     ip -n "$br" link set "down$b" master "br$b" up
   done
   nodes=0
-  add_node "$lan" "$br" finder "$finder" "$(addr_of "$net" "$finder")" "$plen"
+  add_node "$lan" "$br" finder "$finder" "$(host_addr "$net" "$finder")" "$plen"
   for h in "${hosts[@]}"; do
-    add_node "$lan" "$br" "d$h" "$h" "$(addr_of "$net" "$h")" "$plen"
-    neighbour finder "$(addr_of "$net" "$h")" "$h"
-    neighbour "d$h" "$(addr_of "$net" "$finder")" "$finder"
-    neighbour "d$h" "$(link_local_of "$finder")" "$finder"
+    add_node "$lan" "$br" "d$h" "$h" "$(host_addr "$net" "$h")" "$plen"
+    neighbour finder "$(host_addr "$net" "$h")" "$h"
+    neighbour "d$h" "$(host_addr "$net" "$finder")" "$finder"
+    neighbour "d$h" "$(host_link_local "$finder")" "$finder"
   done
   ip -n "$br" -batch "$tmp/br.batch"
   ip -n "$br" -batch "$tmp/br.batch2"
-  ip -n "$(ns_of "$lan" finder)" -batch "$tmp/finder.batch"
-  for h in "${hosts[@]}"; do ip -n "$(ns_of "$lan" "d$h")" -batch "$tmp/d$h.batch"; done
+  ip -n "$(lan_ns "$lan" finder)" -batch "$tmp/finder.batch"
+  for h in "${hosts[@]}"; do ip -n "$(lan_ns "$lan" "d$h")" -batch "$tmp/d$h.batch"; done
   ok=1
 }
 
@@ -167,13 +145,13 @@ case "$verb" in
   up) [ $# -ge 1 ] || die "usage: lan.sh up LAN [--net A.B.C] [--finder HOST] [--prefix LEN] HOST..."; cmd_up "$@" ;;
   down) [ $# -eq 1 ] || die "usage: lan.sh down LAN"; cmd_down "$1" ;;
   exec)
-    [ $# -ge 4 ] && [ "$3" = "--" ] || die "usage: lan.sh exec LAN NODE -- COMMAND..."
-    ns=$(ns_of "$1" "$2"); shift 3
+    { [ $# -ge 4 ] && [ "$3" = "--" ]; } || die "usage: lan.sh exec LAN NODE -- COMMAND..."
+    ns=$(lan_ns "$1" "$2"); shift 3
     [ -e "/run/netns/$ns" ] || die "no namespace $ns"
     exec ip netns exec "$ns" "$@"
     ;;
-  ns) ns_of "$1" "$2" ;;
-  ip) addr_of "${3:-10.0.0}" "$2" ;;
-  mac) mac_of "$1" ;;
+  ns) lan_ns "$1" "$2" ;;
+  ip) host_addr "${3:-10.0.0}" "$2" ;;
+  mac) host_mac "$1" ;;
   *) die "unknown command $verb" ;;
 esac

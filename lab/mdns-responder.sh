@@ -1,12 +1,16 @@
 #!/usr/bin/env bash
-# Runs avahi-daemon inside network namespace NS, announcing one "_http._tcp"
-# service on PORT under HOST-NAME. It gets a mount namespace of its own with a
-# private /run and its own services folder, so any number of them can run side
-# by side and none touches the machine's own avahi. Runs in the foreground.
-#   mdns-responder.sh NS HOST-NAME [PORT]
+# Runs avahi-daemon in node NODE of the simulated LAN LAN, announcing one
+# "_http._tcp" service on PORT under HOST-NAME, and prints "ready" once the
+# service is announced. It gets a mount namespace of its own with a private
+# /run and its own services folder, so any number of them can run side by side
+# and none touches the machine's own avahi. Runs in the foreground.
+#   mdns-responder.sh LAN NODE HOST-NAME [PORT]
 set -euo pipefail
-ns=$1 host=$2 port=${3:-80}
-[ -e "/run/netns/$ns" ] || { echo "mdns-responder.sh: no namespace $ns" >&2; exit 2; }
+# shellcheck source=lab/lib.sh
+source "$(dirname "$0")/lib.sh"
+[ $# -ge 3 ] || die "usage: mdns-responder.sh LAN NODE HOST-NAME [PORT]"
+ns=$(lan_ns "$1" "$2") host=$3 port=${4:-80}
+[ -e "/run/netns/$ns" ] || die "no namespace $ns"
 dir=$(mktemp -d /tmp/varnock-avahi.XXXXXX)
 mkdir -p "$dir/services"
 cat >"$dir/avahi-daemon.conf" <<CONF
@@ -38,13 +42,23 @@ cat >"$dir/services/http.service" <<SVC
 </service-group>
 SVC
 trap 'rm -rf "$dir"' EXIT
+# avahi's log passes through; the line that says the service is announced is
+# followed by "ready".
+announced() {
+  local line
+  while IFS= read -r line; do
+    printf '%s\n' "$line"
+    [[ $line != *"successfully established"* ]] || echo ready
+  done
+}
+# shellcheck disable=SC2016  # $1 is the inner shell's: the folder passed to it
 ip netns exec "$ns" unshare --mount -- sh -c '
   mount --make-rprivate / &&
   mount -t tmpfs -o size=1m varnock-avahi /run &&
   mkdir -p /run/avahi-daemon &&
   mount --bind "$1/services" /etc/avahi/services &&
   exec avahi-daemon --file="$1/avahi-daemon.conf" --no-drop-root --no-chroot --no-rlimits
-' sh "$dir" &
+' sh "$dir" > >(announced) 2>&1 &
 child=$!
 trap 'kill -TERM $child 2>/dev/null; wait $child; rm -rf "$dir"' EXIT TERM INT
 wait $child

@@ -4,6 +4,8 @@
 # build tree is only brought up to date.
 #   scripts/setup.sh [--no-build] [build-dir]
 set -euo pipefail
+# shellcheck source=lab/lib.sh
+source "$(dirname "$0")/../lab/lib.sh"
 
 root=$(cd "$(dirname "$0")/.." && pwd)
 build=1
@@ -17,7 +19,7 @@ packages=(
   clang libclang-rt-14-dev clang-format
   iproute2 iputils-ping util-linux procps time
   avahi-daemon avahi-utils netcat-openbsd python3
-  dpkg-dev file lintian man-db bash-completion
+  dpkg-dev file lintian man-db bash-completion shellcheck
 )
 
 missing=()
@@ -26,7 +28,7 @@ for p in "${packages[@]}"; do
 done
 
 if [ ${#missing[@]} -gt 0 ]; then
-  if [ "$(id -u)" -ne 0 ]; then
+  if ! have_root; then
     echo "setup: missing packages (${missing[*]}); run as root to install them" >&2
     exit 1
   fi

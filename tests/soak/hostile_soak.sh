@@ -33,12 +33,13 @@
 # devices and attackers are those of the first build.
 # Runs itself inside lab/isolated.sh; every packet stays inside the LAN it
 # builds. Needs root.
-#   bench/hostile_soak.sh [--runs N] [--flood SECONDS] BUILD [BUILD...]
+#   tests/soak/hostile_soak.sh [--runs N] [--flood SECONDS] BUILD [BUILD...]
 # A build whose varnock was built with VARNOCK_SANITIZE_ADDRESS runs with
 # ASAN_OPTIONS=detect_leaks=1:abort_on_error=1; set LLVM_PROFILE_FILE for a
 # coverage build.
 set -euo pipefail
-root=$(cd "$(dirname "$0")/.." && pwd)
+# shellcheck source=lab/lib.sh
+source "$(dirname "$0")/../../lab/lib.sh"
 runs=5 flood=10
 while [ $# -gt 0 ]; do
   case "$1" in
@@ -47,27 +48,21 @@ while [ $# -gt 0 ]; do
     *) break ;;
   esac
 done
-[ $# -ge 1 ] || { echo "usage: $0 [--runs N] [--flood SECONDS] BUILD [BUILD...]" >&2; exit 2; }
-[ "$(id -u)" -eq 0 ] || { echo "hostile_soak: needs root" >&2; exit 2; }
+[ $# -ge 1 ] || die "usage: $0 [--runs N] [--flood SECONDS] BUILD [BUILD...]"
+need_root
 builds=()
 for b in "$@"; do builds+=("$(cd "$b" && pwd)"); done
 for b in "${builds[@]}"; do
   for exe in app/varnock device/varnock-device lab/varnock-hostile; do
-    [ -x "$b/$exe" ] || { echo "hostile_soak: build $exe in $b first" >&2; exit 2; }
+    [ -x "$b/$exe" ] || die "build $exe in $b first"
   done
 done
-if [ -z "${VARNOCK_SOAK_ISOLATED:-}" ]; then
-  VARNOCK_SOAK_ISOLATED=1 exec "$root/lab/isolated.sh" "$0" --runs "$runs" --flood "$flood" "${builds[@]}"
-fi
+isolate --runs "$runs" --flood "$flood" "${builds[@]}"
 
-MDNS_WAIT=2 MORL_WAIT=3 MORL_RATE=15000 MDNS_RATE=10000 SPOOFED=2000 SPOOF_FIRST=10.0.4.1 THREAD_CAP=600
+MDNS_WAIT=2 MORL_WAIT=3 MORL_RATE=15000 MDNS_RATE=10000 SPOOFED=2000 THREAD_CAP=600
 lan=soak
-L="$root/lab/lan.sh"
 tools=${builds[0]}
-work=$(mktemp -d)
-pids=()
-# Every process started here, by PID; lan.sh down stops what is left in the LAN.
-trap 'kill -TERM "${pids[@]}" 2>/dev/null; wait "${pids[@]}" 2>/dev/null; "$L" down "$lan"; rm -rf "$work"' EXIT
+clean_up_on_exit
 say() { printf '%s\n' "$*"; }
 failures=0
 fail() { say "  FAIL: $*"; failures=$((failures + 1)); }
@@ -76,18 +71,12 @@ fail() { say "  FAIL: $*"; failures=$((failures + 1)); }
 # kept as it is (d13), and one found by mDNS and asked over HTTP (d14).
 valid=(10 11 12 13 14)
 hostile_http=(20 21 22 23)
-"$L" up "$lan" --prefix 20 "${valid[@]}" "${hostile_http[@]}" 30 31 >/dev/null
-ip() { "$L" ip "$lan" "$1"; }
+lan_up "$lan" --prefix 20 "${valid[@]}" "${hostile_http[@]}" 30 31 >/dev/null
+ip() { host_addr 10.0.0 "$1"; }
 node() {  # HOST LOG ARGS...: run in the background in dHOST
-  local h=$1 log=$2; shift 2
-  "$L" exec "$lan" "d$h" -- "$@" >"$work/$log" 2>&1 &
-  pids+=($!)
+  start_in "$lan" "d$1" "$work/$2" "${@:3}"
 }
 device() { local h=$1; shift; node "$h" "d$h.log" nice -n -10 "$tools/device/varnock-device" --name "$@"; }
-responder() {
-  "$root/lab/mdns-responder.sh" "$("$L" ns "$lan" "d$1")" "soak$1" >"$work/avahi$1.log" 2>&1 &
-  pids+=($!)
-}
 device 10 Dorn-Hall --software-version 1.0.3 --service 0:7
 device 11 Brask-Gate --software-version 2.0.0 --service 1:1 --no-http
 device 12 Fell-Lab --software-version 0.9.8 --service 3:1 --service 4:2 --no-http
@@ -99,54 +88,27 @@ expected=$(printf '%s\n' "$(ip 10) Dorn-Hall 1.0.3 extender_dorn" \
 
 # Misbehaving HTTP hosts; they end by themselves when the soak's time is up.
 budget=$(((flood + MDNS_WAIT + 25) * (runs * ${#builds[@]} + 1) + 60))
-cat >"$work/bad_http.py" <<'PY'
-import os, socket, sys, threading, time
-mode, end = sys.argv[1], time.monotonic() + float(sys.argv[2])
-head = b"HTTP/1.1 200 OK\r\nContent-Type: application/json\r\nContent-Length: 40\r\n\r\n"
-def serve(c):
-    try:
-        if mode != "close":
-            c.recv(4096)
-            if mode == "garbage": c.sendall(os.urandom(1024))
-            for b in head if mode == "slow" else b"":
-                if time.monotonic() > end: break
-                c.send(bytes([b])); time.sleep(1)
-            while mode == "never" and time.monotonic() < end: time.sleep(0.5)
-    except OSError: pass
-    c.close()
-s = socket.socket(); s.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
-s.bind(("0.0.0.0", 80)); s.listen(64); s.settimeout(0.5); print("ready", flush=True)
-while time.monotonic() < end:
-    try: threading.Thread(target=serve, args=(s.accept()[0],), daemon=True).start()
-    except socket.timeout: pass
-PY
 modes=(garbage close slow never)
 for i in 0 1 2 3; do
-  node "${hostile_http[$i]}" "d${hostile_http[$i]}.log" /usr/bin/python3 "$work/bad_http.py" "${modes[$i]}" "$budget"
+  node "${hostile_http[$i]}" "d${hostile_http[$i]}.log" python3 "$lab_dir/bad-http.py" "${modes[$i]}" "$budget"
 done
-for h in 10 14 "${hostile_http[@]}"; do responder "$h"; done
-wait_for() {  # FILE TEXT
-  for _ in $(seq 600); do grep -q "$2" "$1" 2>/dev/null && return 0; sleep 0.05; done
-  echo "hostile_soak: '$2' never appeared in $1" >&2; cat "$1" >&2; exit 1
-}
-for h in "${valid[@]}" "${hostile_http[@]}"; do wait_for "$work/d$h.log" ready; done
-for h in 10 14 "${hostile_http[@]}"; do wait_for "$work/avahi$h.log" "successfully established"; done
+ready=()
+for h in 10 14 "${hostile_http[@]}"; do
+  start_responder "$lan" "$h" "soak$h" "$work/avahi$h.log"
+  ready+=("$work/avahi$h.log")
+done
+for h in "${valid[@]}" "${hostile_http[@]}"; do ready+=("$work/d$h.log"); done
+wait_ready "${ready[@]}"
 
-# The finder reaches every spoofed address through d31, without resolving it.
-python3 - "$SPOOF_FIRST" "$SPOOFED" "$("$L" mac 31)" >"$work/spoofed.batch" <<'PY'
-import ipaddress, sys
-a, n = int(ipaddress.IPv4Address(sys.argv[1])), 0
-while n < int(sys.argv[2]):
-    if a & 255 not in (0, 255):
-        print(f"neigh replace {ipaddress.IPv4Address(a)} lladdr {sys.argv[3]} dev eth0 nud permanent"); n += 1
-    a += 1
-PY
-"$L" exec "$lan" finder -- ip -batch "$work/spoofed.batch"
+# Spoofed addresses: SPOOFED usable hosts of the /20 from 10.0.4.1 (host 1025)
+# on. The finder reaches every one through d31, without resolving it.
+mapfile -t spoofed < <(host_list "$SPOOFED" 1025)
+mapfile -t spoofed < <(host_addr 10.0.0 "${spoofed[@]}")
+printf '%s\n' "${spoofed[@]}" | sed "s/.*/neigh replace & lladdr $(host_mac 31) dev eth0 nud permanent/" \
+  >"$work/spoofed.batch"
+in_node "$lan" finder ip -batch "$work/spoofed.batch"
 
-udp_counter() {  # NODE NAME: a Udp counter of the node's namespace
-  "$L" exec "$lan" "$1" -- awk -v k="$2" '/^Udp:/ { if (!n) { for (i = 1; i <= NF; i++) if ($i == k) c = i; n = 1 } else print $c }' /proc/net/snmp
-}
-counters() { for n in finder d10 d11 d12 d13; do printf '%s ' "$(udp_counter "$n" RcvbufErrors)"; done; }
+counters() { for n in finder d10 d11 d12 d13; do printf '%s ' "$(node_counters "$lan" "$n" Udp:RcvbufErrors)"; done; }
 
 # Thread bound: while the records are asked, the main thread, four I/O
 # threads and one thread per record asked (the discovery threads have ended);
@@ -172,7 +134,7 @@ run() {  # BUILD LABEL CAP
   load=$(cut -d' ' -f1-3 /proc/loadavg)
   node 30 "$label.morl" nice -n -5 "$tools/lab/varnock-hostile" morl "$(ip 1)" "$MORL_RATE" $((flood + MDNS_WAIT + 25)) 1
   local morl_pid=$!
-  node 31 "$label.mdns" nice -n -5 "$tools/lab/varnock-hostile" mdns "$(ip 1)" "$MDNS_RATE" "$flood" "$SPOOF_FIRST" "$SPOOFED"
+  node 31 "$label.mdns" nice -n -5 "$tools/lab/varnock-hostile" mdns "$(ip 1)" "$MDNS_RATE" "$flood" "${spoofed[0]}" "$SPOOFED"
   local mdns_pid=$!
   sleep 0.2
   local cmd=(/usr/bin/time -f "%x %e %U %S %M" -o "$out/time" "$b/app/varnock" -M "$MDNS_WAIT"
@@ -182,11 +144,11 @@ run() {  # BUILD LABEL CAP
   local start end
   start=$(date +%s.%N)
   ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 \
-    "$L" exec "$lan" finder -- "${cmd[@]}" >"$out/out" 2>"$out/err" &
+    in_node "$lan" finder "${cmd[@]}" >"$out/out" 2>"$out/err" &
   local runner=$!
   (sleep "$MORL_WAIT.2" && counters >"$out/mid") &
   local mid=$!
-  python3 "$root/bench/peak_threads.py" "$runner" >"$out/threads" &
+  python3 "$lab_dir/peak-threads.py" "$runner" >"$out/threads" &
   local sampler=$!
   wait "$runner" || true
   end=$(date +%s.%N)
@@ -204,7 +166,10 @@ run() {  # BUILD LABEL CAP
     "peak threads $threads; load average $load before, $(cut -d' ' -f1-3 /proc/loadavg) after"
   say "  $(cat "$work/$label.morl")"
   say "  $(cat "$work/$label.mdns")"
-  local a=($after) m=($(cat "$out/mid")) z=($before) early="" late="" i
+  local a m z early="" late="" i
+  read -ra a <<<"$after"
+  read -ra m <"$out/mid" || true
+  read -ra z <<<"$before"
   for i in "${!a[@]}"; do early+="$((m[i] - z[i])) " late+="$((a[i] - m[i])) "; done
   say "  UDP receive-buffer drops (finder d10 d11 d12 d13) during the MORL wait: $early; after it: $late"
   [ "$status" = 0 ] || fail "exit status $status"
