@@ -218,7 +218,6 @@ Startup configure(int argc, char** argv, std::ostream& out, std::ostream& err) {
     std::string error = loadSite(site, startup.devices);
     if (error.empty()) error = checkAddresses(site, startup.devices);
     if (!error.empty()) return fail(error, false);
-    startup.site = true;
     return startup;
   }
   DeviceConfig config;

@@ -51,8 +51,6 @@ struct Startup {
   /// Exit at once with this status (help, version or an error), or -1: run.
   int status = -1;
   std::vector<DeviceConfig> devices;
-  /// The devices come from a site file: their output lines name them.
-  bool site = false;
 };
 
 /// Reads the command line and the site file, and checks that every device's

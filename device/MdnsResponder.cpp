@@ -53,7 +53,7 @@ udp::endpoint groupEndpoint() { return {asio::ip::address_v4(kMdnsGroup), kMdnsP
 
 MdnsResponder::MdnsResponder(asio::io_context& context,
                              const std::vector<const DeviceConfig*>& configs)
-    : context(context), group(context), timer(context) {
+    : group(context), timer(context) {
   const auto host = interfaces();
   group.open(udp::v4());
   group.set_option(asio::socket_base::reuse_address(true));

@@ -36,7 +36,6 @@ class MdnsResponder {
               bool direct);
   void announce(bool goodbye);
 
-  boost::asio::io_context& context;
   boost::asio::ip::udp::socket group;
   boost::asio::steady_timer timer;
   std::vector<std::unique_ptr<Device>> devices;
