@@ -6,17 +6,22 @@
 
 #include "morl/SupportedServiceBlock.h"
 
-/// Everything the simulated device is told on its command line.
+/// One simulated device: its identity, its replies and which sides it runs.
 struct DeviceConfig {
+  /// IPv4 address in host order that every socket of the device binds;
+  /// 0: all of the host's (MORL and HTTP on 0.0.0.0, mDNS on the first address).
+  unsigned int address = 0;
   unsigned char uuid[12] = {};
   unsigned char owner[12] = {};
   std::string name = "varnock-device";
   std::string softwareVersion = "1.0.0";
-  std::vector<MORL::SupportedServiceBlock> services;
+  std::vector<MORL::SupportedServiceBlock> services{{MORL::ServiceType(2), 1}};
   bool unicast = true;
   bool acceptTame = true;
   bool morl = true;
   bool http = true;
+  /// Announced only while the info server runs.
+  bool mdns = true;
   unsigned short httpPort = 80;
   std::string httpContentType = "application/json";
   /// Replaces the info JSON when set.
@@ -34,9 +39,22 @@ std::string deviceTypeOf(const DeviceConfig& config);
 /// 24 lowercase hex digits.
 std::string uuidText(const unsigned char (&uuid)[12]);
 
-enum class ParseResult { Run, Exit, Error };
+/// Dotted text of a host-order IPv4 address.
+std::string addressText(unsigned int address);
 
-/// Reads the command line. Help goes to `out`; a rejected argument gives its
-/// message and the help text on `err`.
-ParseResult parseDeviceOptions(int argc, char** argv, DeviceConfig& config, std::ostream& out,
-                               std::ostream& err);
+/// Sets one field from its text, named as the long option (for a repeatable
+/// "service", adds one). Returns "" or what is wrong, e.g. "must be 1-65535".
+std::string setField(DeviceConfig& config, const std::string& field, const std::string& text);
+
+/// Everything the command line asks for.
+struct Startup {
+  /// Exit at once with this status (help, version or an error), or -1: run.
+  int status = -1;
+  std::vector<DeviceConfig> devices;
+};
+
+/// Reads the command line and the site file, and checks that every device's
+/// address is on this host. Help goes to `out`; an error gives one line and a
+/// pointer to --help (a site file's error: one line naming file, device and
+/// field) on `err`, with status 2.
+Startup configure(int argc, char** argv, std::ostream& out, std::ostream& err);

@@ -5,7 +5,9 @@
 #include <iostream>
 
 DeviceEndpoint::DeviceEndpoint(const DeviceConfig& config, Sender sender)
-    : config(config), sender(std::move(sender)) {
+    : config(config),
+      sender(std::move(sender)),
+      label(config.address ? addressText(config.address) + ": " : "") {
   std::memcpy(owner, config.owner, sizeof owner);
 }
 
@@ -41,7 +43,7 @@ bool DeviceEndpoint::acceptsIncomingTameRequests(const unsigned char (&)[12]) co
 void DeviceEndpoint::onTameRequest(const unsigned char (&requester)[12], unsigned int, unsigned int,
                                    void*) {
   std::memcpy(owner, requester, sizeof owner);
-  std::cout << "tamed by " << uuidText(requester) << std::endl;
+  std::cout << label << "tamed by " << uuidText(requester) << std::endl;
 }
 
 void DeviceEndpoint::onTameResponse(const unsigned char (&)[12]) {}
@@ -49,7 +51,7 @@ void DeviceEndpoint::onTameResponse(const unsigned char (&)[12]) {}
 void DeviceEndpoint::onResponse(MORL::Header::Type, MORLParser&) {}
 
 void DeviceEndpoint::onWhistleRequest(const unsigned char (&requester)[12]) {
-  std::cout << "whistle from " << uuidText(requester) << std::endl;
+  std::cout << label << "whistle from " << uuidText(requester) << std::endl;
 }
 
 void DeviceEndpoint::send(QM::Span<const unsigned char> packet, unsigned int address, void*) {

@@ -7,7 +7,8 @@
 
 /// The simulated device's MORL identity: name, version, services and owner
 /// from its configuration. An accepted tame request makes the requester the
-/// owner; tame and whistle requests are reported on standard output.
+/// owner; tame and whistle requests are reported on standard output (after
+/// "ADDRESS: " when the device has an address).
 class DeviceEndpoint : public IMORLEndpoint {
  public:
   using Sender = std::function<void(QM::Span<const unsigned char> packet, unsigned int address)>;
@@ -33,4 +34,5 @@ class DeviceEndpoint : public IMORLEndpoint {
   const DeviceConfig& config;
   Sender sender;
   unsigned char owner[12];
+  std::string label;
 };

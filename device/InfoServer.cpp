@@ -98,7 +98,8 @@ class Session : public std::enable_shared_from_this<Session> {
 
 InfoServer::InfoServer(boost::asio::io_context& context, const DeviceConfig& config)
     : context(context), config(config), acceptor(context) {
-  boost::asio::ip::tcp::endpoint local(boost::asio::ip::address_v4::any(), config.httpPort);
+  boost::asio::ip::tcp::endpoint local(boost::asio::ip::address_v4(config.address),
+                                       config.httpPort);
   acceptor.open(local.protocol());
   acceptor.set_option(boost::asio::socket_base::reuse_address(true));
   acceptor.bind(local);

@@ -6,7 +6,7 @@
 
 #include "device/DeviceConfig.h"
 
-/// HTTP/1.1 info server on 0.0.0.0 and the configured port: GET
+/// HTTP/1.1 info server on the device's address (0.0.0.0 without one) and port: GET
 /// "/api/v1/info" gets {"data":{"name":..,"version":..,"device_type":..}} (or
 /// the configured body, status and content type), every other request 404.
 class InfoServer {

@@ -18,7 +18,7 @@ packages=(
   libjsoncpp-dev googletest libgtest-dev libgmock-dev libbenchmark-dev
   clang libclang-rt-14-dev clang-format
   iproute2 iputils-ping util-linux procps time
-  avahi-daemon avahi-utils netcat-openbsd python3
+  avahi-daemon avahi-utils netcat-openbsd python3 python3-zeroconf dbus-daemon
   dpkg-dev file lintian man-db bash-completion shellcheck
 )
 

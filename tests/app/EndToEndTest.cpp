@@ -51,24 +51,29 @@ const std::string kText =
 
 }  // namespace
 
-// One device of every kind: .7 MORL only without service, so untyped and asked over HTTP
-// (refused); .9 .10 MORL only, typed; .11 MORL and mDNS, its HTTP answer unlike its MORL one:
-// the merge keeps the mDNS record (first), untyped, so it is asked; .20 mDNS and HTTP only,
-// .22 too but its reply is declared text/plain; .200 MORL with service type 7 ("uknown"):
-// never asked, though HTTP would rename it; the widest address of the LAN, listed by its text.
+// One device of every kind (mDNS from avahi, not the devices): .7 MORL only without service, so
+// untyped and asked over HTTP (refused); .9 .10 MORL only, typed; .11 MORL and mDNS, its HTTP
+// answer unlike its MORL one: the merge keeps the mDNS record (first), untyped, so it is asked; .20
+// mDNS and HTTP only, .22 too but its reply is declared text/plain; .200 MORL with service type 7
+// ("uknown"): never asked, though HTTP would rename it; the widest address of the LAN, listed by
+// its text.
 TEST(VarnockLan, EachRunPrintsExactlyWhatItsMethodsFind) {
   VARNOCK_REQUIRE_LAN();
   Lan lan({7, 9, 10, 11, 20, 22, 200});
   ASSERT_TRUE(lan.ok());
   const std::string web11 = R"({"data":{"name":"Web-11","version":"3.2","device_type":"x"}})";
   const std::pair<int, Args> devices[] = {
-      {7, {"--name", "Ctrl", "--software-version", "", "--no-http"}},
+      {7, {"--name", "Ctrl", "--software-version", "", "--no-http", "--no-service"}},
       {9, {"--name", "Dorn-9", "--service", "0:1", "--no-http"}},
       {10, {"--name", "Pallor-10", "--service", "2:1", "--no-http"}},
-      {11, {"--name", "Both-11", "--service", "3:1", "--http-body", web11}},
-      {20, {"--name", "Http-20", "--software-version", "0.9", "--service", "4:1", "--no-morl"}},
-      {22, {"--no-morl", "--http-content-type", "text/plain"}},
-      {200, {"--name", "Odd-200", "--service", "7:1", "--http-body", R"({"data":{"name":"A"}})"}},
+      {11, {"--name", "Both-11", "--service", "3:1", "--http-body", web11, "--no-mdns"}},
+      {20,
+       {"--name", "Http-20", "--software-version", "0.9", "--service", "4:1", "--no-morl",
+        "--no-mdns"}},
+      {22, {"--no-morl", "--http-content-type", "text/plain", "--no-mdns"}},
+      {200,
+       {"--name", "Odd-200", "--service", "7:1", "--http-body", R"({"data":{"name":"A"}})",
+        "--no-mdns"}},
   };
   for (const auto& [host, args] : devices) ASSERT_TRUE(startDevice(lan, Lan::device(host), args));
   for (int host : {11, 20, 22})
@@ -132,7 +137,8 @@ TEST(VarnockLan, FailedDiscoveryIsReportedAndTheOtherMethodStillLists) {
   VARNOCK_REQUIRE_LAN();
   Lan lan({20});
   ASSERT_TRUE(lan.ok());
-  ASSERT_TRUE(startDevice(lan, Lan::device(20), {"--name", "Http-20", "--service", "4:1"}));
+  ASSERT_TRUE(
+      startDevice(lan, Lan::device(20), {"--name", "Http-20", "--service", "4:1", "--no-mdns"}));
   ASSERT_GT(lan.startMdnsResponder(Lan::device(20), "device-20"), 0);
   ASSERT_TRUE(startDevice(lan, "finder", {"--no-http"}));  // holds the MORL port
   const std::string morlError = "bind: Address already in use\nError: MORL discovery failed!";

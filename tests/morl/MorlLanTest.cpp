@@ -95,7 +95,7 @@ TEST(MorlLan, FinderAndDevicesAnswerAsConfiguredAndTheFinderRecordsEachDeviceOnc
   for (auto [host, options] : std::vector<std::pair<int, Strings>>{
            {2, {"--uuid", "aAaAaAaAaAaAaAaAaAaAaAaA", "--owner", e, "--name", "Gate", "--service", "2:513", "--service", "1:2"}},
            {3, {"--uuid", "0b0b0b0b0b0b0b0b0b0b0b0b", "--owner", e, "--name", name, "--software-version", version, "--service", "7:0", "--refuse-tame", "--morl-delay", "1"}},
-           {10, {"--uuid", std::string(24, 'c'), "--no-unicast"}}}) {
+           {10, {"--uuid", std::string(24, 'c'), "--no-unicast", "--no-service"}}}) {
     // clang-format on
     options.insert(options.begin(), {device, "--no-http"});
     devices.push_back(lan.spawn(Lan::device(host), options, lan.scratchFile(Lan::device(host))));

@@ -1,0 +1,133 @@
+#include <gtest/gtest.h>
+
+#include <unistd.h>
+
+#include <cstdio>
+#include <fstream>
+#include <sstream>
+
+#include "device/DeviceConfig.h"
+#include "device/SiteFile.h"
+
+namespace {
+
+using Args = std::vector<std::string>;
+const std::string kHelp = "Try 'varnock-device --help' for more information.\n";
+
+struct Row {
+  Args args;         ///< "SITE" stands for the site file's path
+  std::string site;  ///< its contents; none when empty
+  std::string err;   ///< "SITE" stands for its path
+  int status;
+};
+
+std::string replaced(std::string text, const std::string& path) {
+  for (size_t at; (at = text.find("SITE")) != std::string::npos;) text.replace(at, 4, path);
+  return text;
+}
+
+Startup configureWith(Args args, const std::string& site, const std::string& path, std::string& out,
+                      std::string& err) {
+  if (!site.empty()) std::ofstream(path) << site;
+  args.insert(args.begin(), "varnock-device");
+  std::vector<char*> argv;
+  for (std::string& a : args) argv.push_back((a = replaced(a, path)).data());
+  std::ostringstream o, e;
+  Startup startup = configure(static_cast<int>(argv.size()), argv.data(), o, e);
+  out = o.str();
+  err = e.str();
+  std::remove(path.c_str());
+  return startup;
+}
+
+std::string siteOf(const std::string& devices) { return R"({"devices": [)" + devices + "]}"; }
+
+}  // namespace
+
+// Every rejected input: the exact message on standard error, status 2, and no
+// device to run. 127.0.0.1 is an address of every host, 192.0.2.1 of none.
+TEST(DeviceInput, EveryBadInputIsOneLineAndStatusTwo) {
+  const std::string lo = R"({"address": "127.0.0.1")";
+  // clang-format off
+  const std::vector<Row> rows{
+      {{"--http-delay", "-5"}, "", "--http-delay must be 0-600000 (milliseconds): -5\n" + kHelp, 2},
+      {{"--morl-delay", "600001"}, "", "--morl-delay must be 0-600000 (milliseconds): 600001\n" + kHelp, 2},
+      {{"--service", "300:1"}, "", "--service type must be 0-255: 300:1\n" + kHelp, 2},
+      {{"--service", "1:65536"}, "", "--service value must be 0-65535: 1:65536\n" + kHelp, 2},
+      {{"--service", "1"}, "", "--service needs TYPE:VALUE: 1\n" + kHelp, 2},
+      {{"--http-port", "0"}, "", "--http-port must be 1-65535: 0\n" + kHelp, 2},
+      {{"--http-status", "99"}, "", "--http-status must be 100-999: 99\n" + kHelp, 2},
+      {{"--uuid", "0g"}, "", "--uuid needs 24 hex digits: 0g\n" + kHelp, 2},
+      {{"--name", std::string(31, 'n')}, "", "--name is longer than 30 characters: " + std::string(31, 'n') + "\n" + kHelp, 2},
+      {{"--no-service", "--service", "1:1"}, "", "--no-service and --service exclude each other\n" + kHelp, 2},
+      {{"--address", "192.0.2.1"}, "", "--address is not an address of this host: 192.0.2.1\n" + kHelp, 2},
+      {{"--address", "10.0.0"}, "", "--address must be an IPv4 address: 10.0.0\n" + kHelp, 2},
+      {{"--http-delay"}, "", "the required argument for option '--http-delay' is missing\n" + kHelp, 2},
+      {{"--colour", "red"}, "", "unrecognised option '--colour'\n" + kHelp, 2},
+      {{"--site", "SITE", "--name", "A"}, siteOf(lo + "}"), "--site takes no other device option: --name\n" + kHelp, 2},
+      {{"--site", "SITE"}, "", "SITE: cannot be read\n", 2},
+      {{"--site", "SITE"}, "{\"devices\": [}", "SITE: line 1, column 14: Syntax error: value, object or array expected.\n", 2},
+      {{"--site", "SITE"}, "[]", "SITE: must hold a JSON object\n", 2},
+      {{"--site", "SITE"}, R"({"devices": []})", "SITE: devices must be a non-empty array\n", 2},
+      {{"--site", "SITE"}, R"({"devices": [], "colour": 1})", "SITE: colour is not a field\n", 2},
+      {{"--site", "SITE"}, R"({"defaults": {"http-port": 0}, "devices": [{}]})", "SITE: defaults: http-port must be 1-65535: 0\n", 2},
+      {{"--site", "SITE"}, siteOf(lo + R"(}, {"name": "B"})"), "SITE: devices[1]: address is missing\n", 2},
+      {{"--site", "SITE"}, siteOf(lo + R"(}, {"address": "192.0.2.1"})"), "SITE: devices[1] (192.0.2.1): address is not an address of this host\n", 2},
+      {{"--site", "SITE"}, siteOf(lo + "}, " + lo + "}"), "SITE: devices[1] (127.0.0.1): address is that of devices[0] too\n", 2},
+      {{"--site", "SITE"}, siteOf(R"({"http-delay": -5, "address": "127.0.0.1"})"), "SITE: devices[0] (127.0.0.1): http-delay must be 0-600000 (milliseconds): -5\n", 2},
+      {{"--site", "SITE"}, siteOf(lo + R"(, "http-port": "80"})"), "SITE: devices[0] (127.0.0.1): http-port must be an integer\n", 2},
+      {{"--site", "SITE"}, siteOf(lo + R"(, "services": ["2:1", "300:1"]})"), "SITE: devices[0] (127.0.0.1): services type must be 0-255: 300:1\n", 2},
+      {{"--site", "SITE"}, siteOf(lo + R"(, "services": "2:1"})"), "SITE: devices[0] (127.0.0.1): services must be an array of \"TYPE:VALUE\" strings\n", 2},
+      {{"--site", "SITE"}, siteOf(lo + R"(, "morl": "no"})"), "SITE: devices[0] (127.0.0.1): morl must be true or false\n", 2},
+      {{"--site", "SITE"}, siteOf(lo + R"(, "colour": 1})"), "SITE: devices[0] (127.0.0.1): colour is not a field\n", 2},
+      {{"--site", "SITE"}, siteOf(lo + R"(, "name": "A", "name": "B"})"), "SITE: line 1, column 52: Duplicate key: 'name'\n", 2},
+  };
+  // clang-format on
+  const std::string path = testing::TempDir() + "site-" + std::to_string(getpid()) + ".json";
+  for (const Row& row : rows) {
+    std::string out, err;
+    const Startup startup = configureWith(row.args, row.site, path, out, err);
+    const std::string context = row.args.back() + " " + row.site;
+    EXPECT_EQ(err, replaced("varnock-device: " + row.err, path)) << context;
+    EXPECT_EQ(startup.status, row.status) << context;
+    EXPECT_EQ(out, "") << context;
+    EXPECT_TRUE(startup.devices.empty()) << context;
+  }
+}
+
+// A site file's fields and defaults reach each device; a device without HTTP
+// announces nothing by mDNS. Plain options give the documented defaults.
+TEST(DeviceInput, SiteFileAndDefaultsGiveEachDeviceItsFields) {
+  const std::string site = R"({"defaults": {"software-version": "2.0", "morl": false},
+    "devices": [{"address": "127.0.0.1", "uuid": "0102030405060708090a0b0c", "name": "A",
+                 "services": ["0:7", "4:1"], "http-port": 8080, "http-delay": 5},
+                {"address": "10.0.0.2", "services": [], "http": false, "morl": true}]})";
+  const std::string path = testing::TempDir() + "good.json";
+  std::ofstream(path) << site;
+  std::vector<DeviceConfig> devices;
+  ASSERT_EQ(loadSite(path, devices), "");
+  ASSERT_EQ(devices.size(), 2u);
+  const DeviceConfig &a = devices[0], &b = devices[1];
+  EXPECT_EQ(std::vector<std::string>({addressText(a.address), uuidText(a.uuid), a.name,
+                                      a.softwareVersion, deviceTypeOf(a)}),
+            std::vector<std::string>(
+                {"127.0.0.1", "0102030405060708090a0b0c", "A", "2.0", "extender_fell"}));
+  EXPECT_EQ(std::vector<unsigned>({a.httpPort, a.httpDelayMs, a.morl, a.http, a.mdns}),
+            std::vector<unsigned>({8080, 5, false, true, true}));
+  EXPECT_EQ(std::vector<std::string>(
+                {addressText(b.address), b.name, b.softwareVersion, deviceTypeOf(b)}),
+            std::vector<std::string>({"10.0.0.2", "varnock-device", "2.0", ""}));
+  EXPECT_EQ(std::vector<unsigned>({b.morl, b.http, b.mdns}), std::vector<unsigned>({1, 0, 0}));
+  EXPECT_NE(uuidText(a.uuid), uuidText(b.uuid));
+
+  std::string out, err;
+  const Startup startup = configureWith({}, "", "", out, err);
+  EXPECT_EQ(startup.status, -1);
+  ASSERT_EQ(startup.devices.size(), 1u);
+  const DeviceConfig& plain = startup.devices[0];
+  EXPECT_EQ(std::vector<std::string>({addressText(plain.address), plain.name, plain.softwareVersion,
+                                      deviceTypeOf(plain)}),
+            std::vector<std::string>({"0.0.0.0", "varnock-device", "1.0.0", "pallor_module"}));
+  EXPECT_EQ(std::vector<unsigned>({plain.morl, plain.http, plain.mdns, plain.httpPort}),
+            std::vector<unsigned>({1, 1, 1, 80}));
+}
