@@ -129,7 +129,9 @@ TEST(VarnockLan, EachRunPrintsExactlyWhatItsMethodsFind) {
     EXPECT_EQ(r.status, 0) << run.args[0];
     EXPECT_EQ(sortedLog(r.out), sortedLog(run.out)) << run.args[0] << "\n" << r.out;
     EXPECT_EQ(r.err, "") << run.args[0];
-    if (run.defaultWaits) EXPECT_TRUE(took.count() >= 5.0 && took.count() < 9.0) << took.count();
+    if (run.defaultWaits) {
+      EXPECT_TRUE(took.count() >= 5.0 && took.count() < 9.0) << took.count();
+    }
   }
 }
 
