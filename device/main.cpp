@@ -12,6 +12,7 @@
 #include "device/InfoServer.h"
 #include "device/MdnsResponder.h"
 #include "device/MorlNode.h"
+#include "qm/ErrorText.h"
 
 int main(int argc, char** argv) {
   const Startup startup = configure(argc, argv, std::cout, std::cerr);
@@ -56,7 +57,7 @@ int main(int argc, char** argv) {
     context.run();
     return 0;
   } catch (const std::exception& e) {
-    std::cerr << "varnock-device: " << e.what() << std::endl;
+    std::cerr << "varnock-device: " << errorText(e) << std::endl;
     return 1;
   }
 }
