@@ -96,42 +96,35 @@ void writeRecord(Writer& out, const MdnsIdentity& identity, Record record, bool 
   const DnsName instance = instanceName(identity), host{identity.host, "local"};
   const std::uint16_t flush = legacy ? 0 : kTopBit;
   auto ttl = [&](std::uint32_t normal) { return goodbye ? 0 : legacy ? kLegacyTtl : normal; };
+  // Owner, type, class and TTL; the data's length follows, filled in by done().
+  auto head = [&](const DnsName& owner, std::uint16_t type, std::uint16_t rrclass,
+                  std::uint32_t normalTtl) {
+    out.name(owner);
+    out.u16(type);
+    out.u16(rrclass);
+    out.u32(ttl(normalTtl));
+    return out.begin();
+  };
   std::size_t start = 0;
   switch (record) {
     case Ptr:
-      out.name(kService);
-      out.u16(kTypePtr);
-      out.u16(kClassIn);  // shared: never flushed
-      out.u32(ttl(kServiceTtl));
-      start = out.begin();
+      start = head(kService, kTypePtr, kClassIn, kServiceTtl);  // shared: never flushed
       out.name(instance);
       break;
     case Srv:
-      out.name(instance);
-      out.u16(kTypeSrv);
-      out.u16(kClassIn | flush);
-      out.u32(ttl(kHostTtl));
-      start = out.begin();
+      start = head(instance, kTypeSrv, kClassIn | flush, kHostTtl);
       out.u16(0);
       out.u16(0);
       out.u16(identity.port);
       out.name(host);
       break;
     case Txt:
-      out.name(instance);
-      out.u16(kTypeTxt);
-      out.u16(kClassIn | flush);
-      out.u32(ttl(kServiceTtl));
-      start = out.begin();
+      start = head(instance, kTypeTxt, kClassIn | flush, kServiceTtl);
       for (const std::string& entry : identity.txt) out.text(entry.substr(0, 255));
       if (identity.txt.empty()) out.text("");
       break;
     case A:
-      out.name(host);
-      out.u16(kTypeA);
-      out.u16(kClassIn | flush);
-      out.u32(ttl(kHostTtl));
-      start = out.begin();
+      start = head(host, kTypeA, kClassIn | flush, kHostTtl);
       out.u32(identity.address);
       break;
   }
