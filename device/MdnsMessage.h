@@ -8,7 +8,6 @@
 
 #include "mdns/MDNSDiscovery.h"
 
-
 /// A domain name as its labels, "local" last.
 using DnsName = std::vector<std::string>;
 
