@@ -3,9 +3,10 @@
 # line and branch coverage of each product folder), the
 # AddressSanitizer + UndefinedBehaviorSanitizer build (with the fuzz targets,
 # each run for a bounded time), the ThreadSanitizer build of the threaded
-# parts, the formatting check, the Debian package's checks, and a short soak of
-# varnock on a simulated LAN whose other hosts attack it. Run as root: the
-# network tests build their own namespaces (without root they skip themselves).
+# parts, the formatting and shell lint, the Debian package's checks, a short
+# soak of varnock on a simulated LAN whose other hosts attack it, and a load
+# check on a LAN of 600 devices. Run as root: the network tests build their own
+# namespaces (without root they skip themselves).
 #   scripts/test.sh [fuzz-seconds-per-target]
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
@@ -72,5 +73,9 @@ lan_test() {  # SCRIPT ARGS...
 # varnock, plain and with the sanitizers, on a LAN whose other hosts attack it.
 step "hostile LAN soak"
 lan_test tests/soak/hostile_soak.sh --runs 1 --flood 3 "$out/plain" "$out/asan"
+
+# Capacity and speed: 500 MORL and 100 mDNS/HTTP devices, three runs.
+step "load check"
+lan_test tests/load/load_check.sh "$out/plain"
 
 step "all passed"
