@@ -15,7 +15,9 @@
 # Host H is A.B.(C + H / 256).(H % 256); host numbers whose last byte would be
 # 0 or 255 are refused. The subnet is the smallest from /24 to /20 that holds
 # every host (up to 4094), or a larger /LEN when given (for address ranges
-# beyond the nodes); A.B.C must start it.
+# beyond the nodes); A.B.C must start it. HOST,HOST,... is a site: one node
+# (named after its first host) that holds the addresses of all those hosts, so
+# that one process can be every device of it (`varnock-device --site`).
 #
 # The neighbour (ARP) table is one per kernel, shared by every namespace, and
 # holds 1024 dynamic entries by default; a LAN of a thousand devices answering
@@ -81,13 +83,13 @@ neighbour() {  # NODE ADDR HOST: a permanent neighbour entry in NODE's batch
 
 cmd_up() {
   local lan=$1; shift
-  local net=10.0.0 finder=1 hosts=() h plen=24 top=0 given=""
+  local net=10.0.0 finder=1 groups=() hosts=() h plen=24 top=0 given="" site first members
   while [ $# -gt 0 ]; do
     case "$1" in
       --net) net=$2; shift 2 ;;
       --finder) finder=$2; shift 2 ;;
       --prefix) given=$2; shift 2 ;;
-      *) hosts+=("$1"); shift ;;
+      *) groups+=("$1"); IFS=, read -r -a members <<<"$1"; hosts+=("${members[@]}"); shift ;;
     esac
   done
   need_root
@@ -116,7 +118,7 @@ cmd_up() {
     net.ipv6.conf.default.disable_ipv6=1 >/dev/null
   ip -n "$br" link set lo up
   # The bridges in a chain, one broadcast domain.
-  for b in $(seq 0 $((${#hosts[@]} / 500))); do
+  for b in $(seq 0 $((${#groups[@]} / 500))); do
     ip -n "$br" link add "br$b" type bridge stp_state 0 forward_delay 0
     ip -n "$br" link set "br$b" up
     [ "$b" -eq 0 ] && continue
@@ -126,16 +128,22 @@ cmd_up() {
   done
   nodes=0
   add_node "$lan" "$br" finder "$finder" "$(host_addr "$net" "$finder")" "$plen"
-  for h in "${hosts[@]}"; do
-    add_node "$lan" "$br" "d$h" "$h" "$(host_addr "$net" "$h")" "$plen"
-    neighbour finder "$(host_addr "$net" "$h")" "$h"
-    neighbour "d$h" "$(host_addr "$net" "$finder")" "$finder"
-    neighbour "d$h" "$(host_link_local "$finder")" "$finder"
+  for site in "${groups[@]}"; do
+    first=${site%%,*}
+    add_node "$lan" "$br" "d$first" "$first" "$(host_addr "$net" "$first")" "$plen"
+    neighbour "d$first" "$(host_addr "$net" "$finder")" "$finder"
+    neighbour "d$first" "$(host_link_local "$finder")" "$finder"
+    IFS=, read -r -a members <<<"$site"
+    for h in "${members[@]}"; do
+      [ "$h" = "$first" ] ||
+        echo "addr add $(host_addr "$net" "$h")/$plen broadcast + dev eth0" >>"$tmp/d$first.batch"
+      neighbour finder "$(host_addr "$net" "$h")" "$first"
+    done
   done
   ip -n "$br" -batch "$tmp/br.batch"
   ip -n "$br" -batch "$tmp/br.batch2"
   ip -n "$(lan_ns "$lan" finder)" -batch "$tmp/finder.batch"
-  for h in "${hosts[@]}"; do ip -n "$(lan_ns "$lan" "d$h")" -batch "$tmp/d$h.batch"; done
+  for site in "${groups[@]}"; do ip -n "$(lan_ns "$lan" "d${site%%,*}")" -batch "$tmp/d${site%%,*}.batch"; done
   ok=1
 }
 

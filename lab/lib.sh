@@ -201,29 +201,58 @@ backlog_drops() {  # packets the kernel dropped from its per-CPU receive backlog
 # Device type by MORL service type 0 to 4.
 load_types=(extender_dorn extender_brask pallor_module extender_quin extender_fell)
 
+load_site_size=500
+
+load_site() {  # KIND HOST...: the site file of HOST... (KIND MORL or MDNS); their lines of $work/expected
+  local kind=$1 h sep="" node=d$2 file=$work/site-d$2.json
+  shift
+  if [ "$kind" = MORL ]; then
+    echo '{"defaults": {"http": false, "mdns": false}, "devices": [' >"$file"
+  else
+    echo '{"defaults": {"morl": false, "services": ["2:1"]}, "devices": [' >"$file"
+  fi
+  for h in "$@"; do
+    if [ "$kind" = MORL ]; then
+      printf '%s{"address": "%s", "name": "morl-%s", "software-version": "1.%s", "services": ["%s:1"]}\n' \
+        "$sep" "$(host_addr 10.0.0 "$h")" "$h" "$h" $((h % 5)) >>"$file"
+      echo "$(host_addr 10.0.0 "$h") morl-$h 1.$h ${load_types[h % 5]} MORL $node" >>"$work/expected"
+    else
+      printf '%s{"address": "%s", "name": "http-%s", "software-version": "2.%s"}\n' \
+        "$sep" "$(host_addr 10.0.0 "$h")" "$h" "$h" >>"$file"
+      echo "$(host_addr 10.0.0 "$h") http-$h 2.$h pallor_module mDNS+HTTP $node" >>"$work/expected"
+    fi
+    sep=,
+  done
+  echo ']}' >>"$file"
+}
+
 load_lan_up() {  # LAN BUILD MORL MDNS: builds the LAN and starts its devices, until every one is ready
-  # MORL devices from host 2 on, then mDNS/HTTP devices (a varnock-device and
-  # an avahi-daemon each). Writes $work/expected ("ADDR NAME VERSION TYPE
-  # METHOD" a device) and $work/pids ("dHOST PID" a device).
-  local lan=$1 build=$2 morl=$3 mdns=$4 hosts h logs=()
+  # MORL devices from host 2 on, then mDNS/HTTP devices, as sites of up to
+  # load_site_size addresses: a node and one `varnock-device --site` each, the
+  # MORL sites without HTTP and mDNS, the others without MORL. Writes
+  # $work/expected ("ADDR NAME VERSION TYPE METHOD NODE" a device) and
+  # $work/pids ("NODE PID" a site).
+  local lan=$1 build=$2 morl=$3 mdns=$4 hosts i n sites=() logs=() site node
   mapfile -t hosts < <(host_list $((morl + mdns)))
-  lan_up "$lan" "${hosts[@]}"
   : >"$work/pids"
   : >"$work/expected"
-  for h in "${hosts[@]:0:morl}"; do
-    start_in "$lan" "d$h" "$work/d$h.log" "$build/device/varnock-device" --name "morl-$h" \
-      --software-version "1.$h" --service "$((h % 5)):1" --no-http
-    echo "d$h $!" >>"$work/pids"
-    echo "$(host_addr 10.0.0 "$h") morl-$h 1.$h ${load_types[h % 5]} MORL" >>"$work/expected"
-    logs+=("$work/d$h.log")
+  for ((i = 0; i < morl + mdns; i += n)); do
+    n=$load_site_size
+    if [ "$i" -lt "$morl" ]; then
+      [ $((morl - i)) -ge "$n" ] || n=$((morl - i))
+      load_site MORL "${hosts[@]:i:n}"
+    else
+      [ $((morl + mdns - i)) -ge "$n" ] || n=$((morl + mdns - i))
+      load_site MDNS "${hosts[@]:i:n}"
+    fi
+    sites+=("$(IFS=,; echo "${hosts[*]:i:n}")")
   done
-  for h in "${hosts[@]:morl}"; do
-    start_in "$lan" "d$h" "$work/d$h.log" "$build/device/varnock-device" --name "http-$h" \
-      --software-version "2.$h" --service 2:1 --no-morl
-    echo "d$h $!" >>"$work/pids"
-    echo "$(host_addr 10.0.0 "$h") http-$h 2.$h pallor_module mDNS+HTTP" >>"$work/expected"
-    start_responder "$lan" "$h" "device$h" "$work/avahi-$h.log"
-    logs+=("$work/d$h.log" "$work/avahi-$h.log")
+  lan_up "$lan" "${sites[@]}" >/dev/null
+  for site in "${sites[@]}"; do
+    node=d${site%%,*}
+    start_in "$lan" "$node" "$work/$node.log" "$build/device/varnock-device" --site "$work/site-$node.json"
+    echo "$node $!" >>"$work/pids"
+    logs+=("$work/$node.log")
   done
   wait_ready "${logs[@]}"
 }
@@ -252,14 +281,13 @@ load_run() {  # LAN BUILD RUN: one `varnock -M 1 -T 1 --json` in the finder
 import json, sys
 for d in json.load(open(sys.argv[1]))["devices"]: print(d["ip"], d["name"], d["version"], d["device_type"])' \
     "$work/out.json" 2>/dev/null || true)
-  while read -r ip name version type method; do
+  while read -r ip name version type method node; do
     grep -qx "$ip $name $version $type" <<<"$listed" && continue
     missed=$((missed + 1))
-    node=d$(($(cut -d. -f3 <<<"$ip") * 256 + $(cut -d. -f4 <<<"$ip")))
     local a0 b0 o0 p0 a1 b1 o1 p1
     read -r _ a0 b0 o0 p0 < <(grep "^$node " "$work/c0") || true
     read -r _ a1 b1 o1 p1 < <(grep "^$node " "$work/c1") || true
-    echo "run $run: $ip ($method) missed; the device's UDP in +$((a1 - a0)), receive-buffer drops" \
+    echo "run $run: $ip ($method) missed; its site $node: UDP in +$((a1 - a0)), receive-buffer drops" \
       "+$((b1 - b0)), out +$((o1 - o0)), TCP connections accepted +$((p1 - p0)); finder's" \
       "receive-buffer drops +$((f1 - f0)); kernel backlog drops +$((s1 - s0))" >>"$work/missed"
   done <"$work/expected"
