@@ -19,7 +19,7 @@
 # last mDNS flood packet (+1 s); peak RSS and peak threads within their bounds;
 # the attacks delivered (MORL rate >= 10,000/s, the spoofed records asked).
 # Each run also shows the UDP receive-buffer drops of the finder and of the
-# MORL devices during the MORL wait and after it: a device that dropped
+# valid devices' site during the MORL wait and after it: a device that dropped
 # packets during the wait may have lost the finder's request.
 # One more run of the first build has its threads capped at THREAD_CAP (a PID
 # namespace's pid_max): request threads that cannot start are logged and
@@ -67,21 +67,27 @@ say() { printf '%s\n' "$*"; }
 failures=0
 fail() { say "  FAIL: $*"; failures=$((failures + 1)); }
 
-# Valid devices: MORL with the type from MORL (d10 also by mDNS), "uknown"
-# kept as it is (d13), and one found by mDNS and asked over HTTP (d14).
+# Valid devices, one site in d10 (one varnock-device process answering MORL,
+# HTTP and mDNS from each device's own address): MORL with the type from MORL
+# (.10 also by mDNS), "uknown" kept as it is (.13), and one found by mDNS and
+# asked over HTTP (.14).
 valid=(10 11 12 13 14)
 hostile_http=(20 21 22 23)
-lan_up "$lan" --prefix 20 "${valid[@]}" "${hostile_http[@]}" 30 31 >/dev/null
+lan_up "$lan" --prefix 20 "$(IFS=,; echo "${valid[*]}")" "${hostile_http[@]}" 30 31 >/dev/null
 ip() { host_addr 10.0.0 "$1"; }
 node() {  # HOST LOG ARGS...: run in the background in dHOST
   start_in "$lan" "d$1" "$work/$2" "${@:3}"
 }
-device() { local h=$1; shift; node "$h" "d$h.log" nice -n -10 "$tools/device/varnock-device" --name "$@"; }
-device 10 Dorn-Hall --software-version 1.0.3 --service 0:7
-device 11 Brask-Gate --software-version 2.0.0 --service 1:1 --no-http
-device 12 Fell-Lab --software-version 0.9.8 --service 3:1 --service 4:2 --no-http
-device 13 Odd-One --software-version 7.7 --service 7:1 --no-http
-device 14 Pallor-Main --software-version 2.4.1 --service 2:1 --no-morl
+cat >"$work/site.json" <<JSON
+{"devices": [
+  {"address": "$(ip 10)", "name": "Dorn-Hall", "software-version": "1.0.3", "services": ["0:7"]},
+  {"address": "$(ip 11)", "name": "Brask-Gate", "software-version": "2.0.0", "services": ["1:1"], "http": false},
+  {"address": "$(ip 12)", "name": "Fell-Lab", "software-version": "0.9.8", "services": ["3:1", "4:2"], "http": false},
+  {"address": "$(ip 13)", "name": "Odd-One", "software-version": "7.7", "services": ["7:1"], "http": false},
+  {"address": "$(ip 14)", "name": "Pallor-Main", "software-version": "2.4.1", "services": ["2:1"], "morl": false}
+]}
+JSON
+node 10 d10.log nice -n -10 "$tools/device/varnock-device" --site "$work/site.json"
 expected=$(printf '%s\n' "$(ip 10) Dorn-Hall 1.0.3 extender_dorn" \
   "$(ip 11) Brask-Gate 2.0.0 extender_brask" "$(ip 12) Fell-Lab 0.9.8 extender_fell" \
   "$(ip 13) Odd-One 7.7 uknown" "$(ip 14) Pallor-Main 2.4.1 pallor_module")
@@ -93,11 +99,11 @@ for i in 0 1 2 3; do
   node "${hostile_http[$i]}" "d${hostile_http[$i]}.log" python3 "$lab_dir/bad-http.py" "${modes[$i]}" "$budget"
 done
 ready=()
-for h in 10 14 "${hostile_http[@]}"; do
+for h in "${hostile_http[@]}"; do
   start_responder "$lan" "$h" "soak$h" "$work/avahi$h.log"
   ready+=("$work/avahi$h.log")
 done
-for h in "${valid[@]}" "${hostile_http[@]}"; do ready+=("$work/d$h.log"); done
+for h in 10 "${hostile_http[@]}"; do ready+=("$work/d$h.log"); done
 wait_ready "${ready[@]}"
 
 # Spoofed addresses: SPOOFED usable hosts of the /20 from 10.0.4.1 (host 1025)
@@ -108,7 +114,7 @@ printf '%s\n' "${spoofed[@]}" | sed "s/.*/neigh replace & lladdr $(host_mac 31) 
   >"$work/spoofed.batch"
 in_node "$lan" finder ip -batch "$work/spoofed.batch"
 
-counters() { for n in finder d10 d11 d12 d13; do printf '%s ' "$(node_counters "$lan" "$n" Udp:RcvbufErrors)"; done; }
+counters() { for n in finder d10; do printf '%s ' "$(node_counters "$lan" "$n" Udp:RcvbufErrors)"; done; }
 
 # Thread bound: while the records are asked, the main thread, four I/O
 # threads and one thread per record asked (the discovery threads have ended);
@@ -171,7 +177,7 @@ run() {  # BUILD LABEL CAP
   read -ra m <"$out/mid" || true
   read -ra z <<<"$before"
   for i in "${!a[@]}"; do early+="$((m[i] - z[i])) " late+="$((a[i] - m[i])) "; done
-  say "  UDP receive-buffer drops (finder d10 d11 d12 d13) during the MORL wait: $early; after it: $late"
+  say "  UDP receive-buffer drops (finder, the valid devices' site) during the MORL wait: $early; after it: $late"
   [ "$status" = 0 ] || fail "exit status $status"
   if [ -s "$out/err" ]; then fail "standard error:"; head -20 "$out/err"; fi
   local listed
@@ -207,7 +213,7 @@ for d in json.load(sys.stdin)["devices"]: print(d["ip"], d["name"], d["version"]
   fi
 }
 
-say "hostile LAN: finder $(ip 1), valid ${valid[*]/#/d}, bad HTTP ${hostile_http[*]/#/d}, attackers d30 d31;" \
+say "hostile LAN: finder $(ip 1), valid ${valid[*]} (a site in d10), bad HTTP ${hostile_http[*]/#/d}, attackers d30 d31;" \
   "$runs run(s) per build, mDNS flood $flood s"
 for b in "${builds[@]}"; do
   for r in $(seq "$runs"); do run "$b" "$(basename "$b")-$r" 0; done
