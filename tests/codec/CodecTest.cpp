@@ -1,11 +1,15 @@
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <cstring>
+#include <fstream>
 #include <random>
 #include <string>
 #include <utility>
 
 #include "fuzz/ReferenceScan.h"
+#include "morl/Header.h"
+#include "morl/udp_server.h"
 #include "qm/CRCSoft32.h"
 #include "qm/LittleEndianInputDeserializer.h"
 #include "qm/LittleEndianOutputSerializer.h"
@@ -98,22 +102,39 @@ const std::string Unknown5 = " 02 5E 71 F3 C3";
 const std::string Unknown10 = " 02 A1 A2 A3 A4 A5 4C 55 39 1E";
 const std::string Unknown67 = " 02 33*62 00 7A 57 AA";
 
+// Payloads, the blocks the parser keeps ("OFFSET+SIZE"), and what the Wireshark
+// dissector shows: the same blocks, plus "?" before a block of unknown type it
+// skips, "!" before a known block with a bad CRC, "~" before skipped bytes,
+// and its Info column. Two decoders, one table.
+struct ParserRow {
+  std::string payload, blocks, shown, info;
+};
+const ParserRow kParserRows[] = {
+    {InfoDev + Svc2 + Svc4 + Tame0, "0+67 67+8 75+8 83+17", "0+67 67+8 75+8 83+17",
+     "Discovery response: ext-7 2.4.1 extender_fell"},
+    {Unknown5 + Svc1 + Unknown10 + Svc2 + Unknown67 + Tame0, "5+8 23+8 98+17",
+     "?0+5 5+8 ?13+10 23+8 ?31+67 98+17",
+     "Discovery response: owner 000000000000000000000000 (a block of unknown type skipped)"},
+    {Svc1 + Tame0 + " 03 03 03 03", "0+8 8+17", "0+8 8+17 ~25+4",
+     "Malformed: bytes skipped; Discovery response: owner 000000000000000000000000"},
+    {Svc3, "0+8", "0+8",
+     "Discovery response, seq 0x1234"},  // the smallest block, ending the payload
+    // A damaged block costs 67 bytes, and with them the blocks that start there.
+    {BadTame0 + repeat(Svc1, 6) + " 00 00" + Svc2 + Tame0, "67+8 75+17", "!0+17 ~0+67 67+8 75+17",
+     "Malformed: bad block CRC, bytes skipped; Discovery response: owner 000000000000000000000000"},
+    {Svc1 + BadTame0 + Svc2 + Tame0, "0+8", "0+8 !8+17 ~8+42",
+     "Malformed: bad block CRC, bytes skipped; Discovery response, seq 0x1234"},
+    {repeat(Svc0, 20),
+     "0+8 8+8 16+8 24+8 32+8 40+8 48+8 56+8 64+8 72+8 80+8 88+8 96+8 104+8 112+8 120+8",
+     "0+8 8+8 16+8 24+8 32+8 40+8 48+8 56+8 64+8 72+8 80+8 88+8 96+8 104+8 112+8 120+8 ~128+32",
+     "Malformed: bytes skipped; Discovery response, seq 0x1234"},
+};
+
 TEST(MorlParser, KeepsTheValidKnownBlocks) {
-  const std::pair<std::string, std::string> rows[] = {
-      {InfoDev + Svc2 + Svc4 + Tame0, "0+67 67+8 75+8 83+17"},
-      {Unknown5 + Svc1 + Unknown10 + Svc2 + Unknown67 + Tame0, "5+8 23+8 98+17"},
-      {Svc1 + Tame0 + " 03 03 03 03", "0+8 8+17"},
-      {Svc3, "0+8"},  // a block of the smallest size, ending where the payload ends
-      // A damaged block costs 67 bytes, and with them the blocks that start there.
-      {BadTame0 + repeat(Svc1, 6) + " 00 00" + Svc2 + Tame0, "67+8 75+17"},
-      {Svc1 + BadTame0 + Svc2 + Tame0, "0+8"},
-      {repeat(Svc0, 20),
-       "0+8 8+8 16+8 24+8 32+8 40+8 48+8 56+8 64+8 72+8 80+8 88+8 96+8 104+8 112+8 120+8"},
-  };
-  for (const auto& [text, blocks] : rows) {
-    const Bytes payload = hex(text);
+  for (const ParserRow& row : kParserRows) {
+    const Bytes payload = hex(row.payload);
     MORLParser parser(view(payload), 0, 0);
-    EXPECT_EQ(parserBlocks(parser, view(payload)), blocks) << text;
+    EXPECT_EQ(parserBlocks(parser, view(payload)), row.blocks) << row.payload;
   }
   MORLParser none({nullptr, 8}, 0, 0);
   MORL::BlockType type;
@@ -140,6 +161,83 @@ TEST(MorlParser, AgreesWithThePlainScanOnAlteredPayloads) {
     }
     MORLParser parser(view(p), 0, 0);
     ASSERT_EQ(parserBlocks(parser, view(p)), referenceScan(view(p))) << toHex(p);
+  }
+}
+
+/// Standard output of `command`, run by the shell.
+std::string output(const std::string& command) {
+  std::string out;
+  if (FILE* pipe = popen(command.c_str(), "r")) {
+    char buffer[4096];
+    for (std::size_t n; (n = fread(buffer, 1, sizeof buffer, pipe)) > 0;) out.append(buffer, n);
+    pclose(pipe);
+  }
+  return out;
+}
+
+/// "OFFSET+SIZE" of every block, unknown block and skipped run that the
+/// dissector shows in one packet of tshark's PDML, offsets within the payload.
+std::string shownBlocks(const std::string& packet) {
+  static const std::regex item(
+      R"re(name="morl\.(block|unknown_block|skipped)" showname="([^"]*)" size="(\d+)" pos="(\d+)")re");
+  constexpr int payloadStart = 14 + 20 + 8 + MORL::Header::PackedSize;
+  std::string shown;
+  for (std::sregex_iterator m(packet.begin(), packet.end(), item), end; m != end; ++m) {
+    const std::string kind = (*m)[1];
+    const char* mark = kind == "unknown_block"                              ? "?"
+                       : kind == "skipped"                                  ? "~"
+                       : (*m)[2].str().find("bad CRC") != std::string::npos ? "!"
+                                                                            : "";
+    shown += (shown.empty() ? "" : " ") + std::string(mark) +
+             std::to_string(std::stoi((*m)[4]) - payloadStart) + "+" + (*m)[3].str();
+  }
+  return shown;
+}
+
+TEST(MorlDissector, ShowsWhatTheParserKeepsAndFlagsTheRest) {
+  if (output("command -v tshark").empty()) GTEST_SKIP() << "needs tshark";
+  // A pcap of Ethernet frames, one Discovery response from 10.0.0.2 a payload.
+  const std::string capture = testing::TempDir() + "morl-table.pcap";
+  std::ofstream pcap(capture, std::ios::binary);
+  auto le = [&](std::uint32_t v, int n) {
+    for (int i = 0; i < n; ++i) pcap.put(static_cast<char>(v >> (8 * i)));
+  };
+  auto be = [&](std::uint32_t v, int n) {
+    for (int i = n - 1; i >= 0; --i) pcap.put(static_cast<char>(v >> (8 * i)));
+  };
+  le(0xA1B2C3D4, 4), le(2, 2), le(4, 2), le(0, 8), le(65535, 4), le(1, 4);
+  for (const ParserRow& row : kParserRows) {
+    const Bytes payload = hex(row.payload);
+    MORL::Header header;
+    header.flags = MORL::Header::FlagResponse;
+    header.sequenceNumber = 0x1234;
+    header.payloadLength = static_cast<std::uint16_t>(payload.size());
+    Bytes packet(MORL::Header::PackedSize);
+    header.pack({packet.data(), packet.size()});
+    packet.insert(packet.end(), payload.begin(), payload.end());
+    const auto udp = static_cast<std::uint32_t>(8 + packet.size());
+    le(0, 8), le(42 + packet.size(), 4), le(42 + packet.size(), 4);
+    be(0x0200, 2), be(1, 4), be(0x0200, 2), be(2, 4), be(0x0800, 2);
+    be(0x45000000 | (20 + udp), 4), be(0, 4), be(0x40110000, 4), be(0x0A000002, 4),
+        be(0x0A000001, 4);
+    be(udp_server::port, 2), be(udp_server::port, 2), be(udp << 16, 4);
+    pcap.write(reinterpret_cast<const char*>(packet.data()), static_cast<long>(packet.size()));
+  }
+  pcap.close();
+  const std::string tshark = "tshark -X lua_script:" VARNOCK_SOURCE_DIR "/wireshark/morl.lua -r " +
+                             capture + " 2>" + capture + ".err ";
+  const std::string pdml = output(tshark + "-T pdml");
+  std::istringstream info(output(tshark + "-T fields -e _ws.col.Info"));
+  EXPECT_EQ(output("cat " + capture + ".err | grep -v 'Running as user'"), "");
+  std::size_t at = 0;
+  for (const ParserRow& row : kParserRows) {
+    const std::size_t next = pdml.find("</packet>", at);
+    ASSERT_NE(next, std::string::npos) << row.payload;
+    EXPECT_EQ(shownBlocks(pdml.substr(at, next - at)), row.shown) << row.payload;
+    std::string line;
+    std::getline(info, line);
+    EXPECT_EQ(line, row.info) << row.payload;
+    at = next + 1;
   }
 }
 
