@@ -36,7 +36,9 @@ trap 'rm -rf "$tmp"' EXIT
 dpkg-deb -x "$deb" "$tmp"
 bin=$tmp/usr/bin
 
-check "files" "$(printf '%s\n' ./usr/bin/varnock ./usr/bin/varnock-device \
+# The dissector goes where tshark looks for global Lua plugins.
+lua_plugins=$(tshark -G folders 2>/dev/null | sed -n 's/^Global Lua Plugins:[[:space:]]*//p')
+check "files" "$(printf '%s\n' ./usr/bin/varnock ./usr/bin/varnock-device ".$lua_plugins/morl.lua" \
   ./usr/share/bash-completion/completions/varnock \
   ./usr/share/bash-completion/completions/varnock-device \
   ./usr/share/doc/varnock/README.md.gz ./usr/share/doc/varnock/changelog.gz \
