@@ -174,6 +174,12 @@ std::optional<MdnsQuery> parseMdnsQuery(const std::uint8_t* data, std::size_t si
   return query;
 }
 
+bool asksSharedRecords(const MdnsQuery& query) {
+  for (const MdnsQuestion& q : query.questions)
+    if (sameName(q.name, kService) && (q.type == kTypePtr || q.type == kTypeAny)) return true;
+  return false;
+}
+
 std::vector<std::uint8_t> encodeMdnsAnswer(const MdnsIdentity& identity, const MdnsQuery& query,
                                            bool legacy) {
   const DnsName instance = instanceName(identity), host{identity.host, "local"};

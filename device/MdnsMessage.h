@@ -43,6 +43,10 @@ struct MdnsIdentity {
 /// questions (and the rest as additional records); empty when none does. A
 /// legacy (one-shot) reply repeats the ID and the questions, has TTLs of at
 /// most 10 s and no cache-flush bits.
+/// Whether a question asks for the service's PTR records, which every device
+/// holds, so that many responders answer it at once.
+bool asksSharedRecords(const MdnsQuery& query);
+
 std::vector<std::uint8_t> encodeMdnsAnswer(const MdnsIdentity& identity, const MdnsQuery& query,
                                            bool legacy);
 

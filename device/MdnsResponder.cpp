@@ -9,6 +9,8 @@
 #include <chrono>
 #include <cstring>
 #include <map>
+#include <memory>
+#include <random>
 #include <set>
 #include <stdexcept>
 
@@ -181,6 +183,21 @@ void MdnsResponder::answer(Device& device, const MdnsQuery& query, const udp::en
   if (reply->empty()) return;
   bool unicast = legacy || direct;
   for (const MdnsQuestion& q : query.questions) unicast = unicast || q.unicastResponse;
-  device.socket.async_send_to(asio::buffer(*reply), unicast ? from : groupEndpoint(),
-                              [reply](const boost::system::error_code&, std::size_t) {});
+  const udp::endpoint to = unicast ? from : groupEndpoint();
+  if (!asksSharedRecords(query)) {
+    device.socket.async_send_to(asio::buffer(*reply), to,
+                                [reply](const boost::system::error_code&, std::size_t) {});
+    return;
+  }
+  // Every device holds the service's PTR record, so all would answer at the
+  // same moment: each waits a random 20 to 120 ms first (RFC 6762, section 6).
+  static std::minstd_rand random{std::random_device{}()};
+  auto delay = std::make_shared<asio::steady_timer>(
+      device.socket.get_executor(),
+      std::chrono::milliseconds(std::uniform_int_distribution<int>(20, 120)(random)));
+  delay->async_wait([&device, reply, to, delay](const boost::system::error_code& error) {
+    if (error) return;
+    device.socket.async_send_to(asio::buffer(*reply), to,
+                                [reply](const boost::system::error_code&, std::size_t) {});
+  });
 }
