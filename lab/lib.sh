@@ -143,6 +143,17 @@ wait_ready() {  # FILE...: until each FILE holds a line "ready", which every hos
   done
 }
 
+wait_text() {  # FILE TEXT: until FILE holds TEXT
+  local end=$((SECONDS + VARNOCK_WAIT))
+  until grep -qsF -- "$2" "$1"; do
+    if [ "$SECONDS" -ge "$end" ]; then
+      echo "$lab_name: '$2' not in $1 after ${VARNOCK_WAIT}s (VARNOCK_WAIT)" >&2
+      return 1
+    fi
+    sleep 0.1
+  done
+}
+
 wait_port() {  # LAN NODE tcp|udp PORT: until the port is bound in the node
   local flag=-ltnH end=$((SECONDS + VARNOCK_WAIT))
   [ "$3" = udp ] && flag=-lunH

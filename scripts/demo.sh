@@ -4,11 +4,15 @@
 # (MORL devices of several types, a device found only through mDNS and asked
 # over HTTP, a device that speaks both), with real mDNS responders. Runs
 # varnock and varnock --json from the LAN's finder host, prints what they
-# print, and removes everything again. Needs root.
+# print, and removes everything again. With --capture FILE, the finder's
+# traffic (MORL, mDNS and HTTP) is written to FILE as a pcap as well. Needs root.
+#   scripts/demo.sh [--capture FILE]
 set -euo pipefail
 # shellcheck source=lab/lib.sh
 source "$(dirname "$0")/../lab/lib.sh"
 root=$(cd "$(dirname "$0")/.." && pwd)
+capture=""
+if [ "${1:-}" = "--capture" ]; then capture=$(realpath -m "$2"); fi
 cd "$root"
 
 if [ -z "${VARNOCK_ISOLATED:-}" ]; then
@@ -36,6 +40,12 @@ start_responder $lan 12 device-12 "$work/mdns12.log"
 start_responder $lan 20 device-20 "$work/mdns20.log"
 wait_ready "$work"/d{10,11,12,20,21}.log "$work"/mdns{12,20}.log
 echo "  MORL only: 10.0.0.10, 10.0.0.11, 10.0.0.21; mDNS + HTTP only: 10.0.0.20; both: 10.0.0.12"
+if [ -n "$capture" ]; then
+  start_in $lan finder "$work/tcpdump.log" tcpdump -i eth0 -U -w "$capture" \
+    'udp port 4792 or udp port 5353 or tcp port 80'
+  capture_pid=$!
+  wait_text "$work/tcpdump.log" "listening on"
+fi
 
 echo
 echo "\$ varnock -M 2 -T 2"
@@ -43,3 +53,10 @@ in_node $lan finder "$bin/app/varnock" -M 2 -T 2
 echo
 echo "\$ varnock --json -M 2 -T 2"
 in_node $lan finder "$bin/app/varnock" --json -M 2 -T 2
+if [ -n "$capture" ]; then
+  kill -INT "$capture_pid"
+  wait "$capture_pid" || true
+  echo
+  echo "Captured the finder's traffic in $capture; see it with"
+  echo "  tshark -X lua_script:$root/wireshark/morl.lua -r $capture"
+fi
