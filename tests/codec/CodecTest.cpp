@@ -199,10 +199,10 @@ TEST(MorlDissector, ShowsWhatTheParserKeepsAndFlagsTheRest) {
   // A pcap of Ethernet frames, one Discovery response from 10.0.0.2 a payload.
   const std::string capture = testing::TempDir() + "morl-table.pcap";
   std::ofstream pcap(capture, std::ios::binary);
-  auto le = [&](std::uint32_t v, int n) {
+  auto le = [&](std::uint64_t v, int n) {
     for (int i = 0; i < n; ++i) pcap.put(static_cast<char>(v >> (8 * i)));
   };
-  auto be = [&](std::uint32_t v, int n) {
+  auto be = [&](std::uint64_t v, int n) {
     for (int i = n - 1; i >= 0; --i) pcap.put(static_cast<char>(v >> (8 * i)));
   };
   le(0xA1B2C3D4, 4), le(2, 2), le(4, 2), le(0, 8), le(65535, 4), le(1, 4);
