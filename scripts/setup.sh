@@ -19,7 +19,7 @@ packages=(
   clang libclang-rt-14-dev clang-format
   iproute2 iputils-ping util-linux procps time
   avahi-daemon avahi-utils netcat-openbsd python3 python3-zeroconf dbus-daemon
-  dpkg-dev file lintian man-db bash-completion shellcheck tshark tcpdump
+  dpkg-dev file lintian man-db bash-completion shellcheck tshark tcpdump nftables
 )
 
 missing=()

@@ -1,45 +1,17 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <cstdlib>
-#include <numeric>
-#include <set>
-#include <sstream>
 
-#include "RequireLan.h"
+#include "VarnockOnLan.h"
 
 // The real varnock on a simulated LAN; each run checked whole: status, output and error.
 
 namespace {
 
-using Args = std::vector<std::string>;
-
-const std::string kBin = std::getenv("VARNOCK_BIN_DIR") ? std::getenv("VARNOCK_BIN_DIR") : ".";
-
-bool startDevice(Lan& lan, const std::string& node, Args args) {
-  std::string log = lan.scratchFile(node + ".log");
-  args.insert(args.begin(), kBin + "/device/varnock-device");
-  return lan.spawn(node, args, log) > 0 && Lan::waitForText(log, "ready\n");
-}
-
-Lan::Result varnock(Lan& lan, Args args) {
-  args.insert(args.begin(), kBin + "/app/varnock");
-  return lan.run("finder", args);
-}
-
 std::string json(const std::string& type, const std::string& ip, const std::string& name,
                  const std::string& version) {
   return "\t\t{\n\t\t\t\"device_type\" : \"" + type + "\",\n\t\t\t\"ip\" : \"" + ip +
          "\",\n\t\t\t\"name\" : \"" + name + "\",\n\t\t\t\"version\" : \"" + version + "\"\n\t\t}";
-}
-
-/// The threads write their log lines in any order; the result follows them all.
-std::string sortedLog(const std::string& out) {
-  size_t end = out.find("Result:\n") == std::string::npos ? 0 : out.find("Result:\n");
-  std::multiset<std::string> lines;
-  std::istringstream log(out.substr(0, end));
-  for (std::string line; std::getline(log, line);) lines.insert(line + "\n");
-  return std::accumulate(lines.begin(), lines.end(), std::string()) + out.substr(end);
 }
 
 const std::string kText =
