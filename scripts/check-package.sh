@@ -97,7 +97,7 @@ for program in varnock varnock-device; do
   text=$(LC_ALL=C.UTF-8 MANWIDTH=80 man -l "$page" 2>/dev/null)
   sections=(NAME SYNOPSIS DESCRIPTION OPTIONS "EXIT STATUS" EXAMPLES "SEE ALSO")
   case $program in
-    varnock) sections+=(OUTPUT NETWORK) ;;
+    varnock) sections+=(OUTPUT NETWORK TROUBLESHOOTING) ;;
     varnock-device) sections+=(WARNING) ;;
   esac
   check "$program(1) sections" "$(printf '%s\n' "${sections[@]}" | sort | paste -sd ,)" \
