@@ -149,8 +149,8 @@ pid_t Lan::spawn(const std::string& node, const std::vector<std::string>& argv,
   return pid;
 }
 
-int Lan::stop(pid_t pid, std::chrono::milliseconds grace) {
-  int status = waitFor(pid, std::chrono::milliseconds(0));
+int Lan::stop(pid_t pid, std::chrono::milliseconds grace, std::chrono::milliseconds first) {
+  int status = waitFor(pid, first);
   if (status == -2) {
     kill(pid, SIGTERM);
     status = waitFor(pid, grace);

@@ -46,8 +46,10 @@ class Lan {
   /// and error go to `logPath` when given. Killed (by PID) at teardown.
   pid_t spawn(const std::string& node, const std::vector<std::string>& argv,
               const std::string& logPath = "");
-  /// Sends SIGTERM and waits up to `grace`, then SIGKILL; returns the exit status.
-  int stop(pid_t pid, std::chrono::milliseconds grace = std::chrono::milliseconds(3000));
+  /// Waits up to `first` for its end, then sends SIGTERM and waits up to `grace`, then SIGKILL;
+  /// returns the exit status.
+  int stop(pid_t pid, std::chrono::milliseconds grace = std::chrono::milliseconds(3000),
+           std::chrono::milliseconds first = std::chrono::milliseconds(0));
   /// Runs argv in the node's namespace to its end (killed after `timeout`).
   Result run(const std::string& node, const std::vector<std::string>& argv,
              std::chrono::milliseconds timeout = std::chrono::milliseconds(60000));

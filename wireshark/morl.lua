@@ -11,6 +11,7 @@ local MIN_BLOCK = 5
 local LARGEST_BLOCK = 67
 local MAX_BLOCKS = 16
 local PORT = 4792
+local RECEIVE_BUFFER = 1024
 
 local type_names = { [0] = "Discovery", [1] = "Directed discovery", [2] = "Tame", [3] = "Whistle" }
 local block_names = { [1] = "Device info", [3] = "Supported service", [4] = "Tame status" }
@@ -43,6 +44,9 @@ local f = {
   unknown = ProtoField.bytes("morl.unknown_block", "Block of unknown type"),
   skipped = ProtoField.bytes("morl.skipped", "Skipped while resynchronising"),
   blocks = ProtoField.uint8("morl.blocks", "Blocks taken"),
+  request_in = ProtoField.framenum("morl.request_in", "Request in frame", base.NONE,
+    frametype.REQUEST),
+  ignored = ProtoField.bool("morl.ignored", "Ignored by the node it is meant for"),
 }
 morl.fields = f
 
@@ -58,8 +62,24 @@ local e = {
     expert.group.MALFORMED, expert.severity.WARN),
   unknown = ProtoExpert.new("morl.expert.unknown", "Block of unknown type skipped",
     expert.group.UNDECODED, expert.severity.NOTE),
+  oversized = ProtoExpert.new("morl.expert.oversized", "Longer than a receiver's 1024-byte buffer",
+    expert.group.MALFORMED, expert.severity.ERROR),
+  unmatched = ProtoExpert.new("morl.expert.unmatched", "Response that its requester does not take",
+    expert.group.SEQUENCE, expert.severity.WARN),
+  borrowed = ProtoExpert.new("morl.expert.borrowed", "Source UUID of another address",
+    expert.group.SECURITY, expert.severity.WARN),
 }
-morl.experts = { e.crc, e.short, e.length, e.type, e.skipped, e.unknown }
+morl.experts = { e.crc, e.short, e.length, e.type, e.skipped, e.unknown, e.oversized, e.unmatched,
+  e.borrowed }
+
+-- What earlier frames of the capture said: requests by type, sequence number and
+-- source UUID, and the first address each source UUID came from.
+local requests, owners
+local function forget()
+  requests, owners = {}, {}
+end
+forget()
+morl.init = forget
 
 -- CRC-32 without the final inversion (JAMCRC), reflected, polynomial 0xEDB88320.
 local crc_table = {}
@@ -223,10 +243,43 @@ function morl.dissector(tvb, pinfo, root)
     length_item:add_proto_expert_info(e.length)
     problems[#problems + 1] = string.format("payload length %d, %d bytes follow", payload, len - HEADER)
   end
+  if len > RECEIVE_BUFFER then
+    tree:add_proto_expert_info(e.oversized)
+    problems[#problems + 1] = string.format("%d bytes, cut to %d by the receiver", len, RECEIVE_BUFFER)
+  end
   local said = {}
   scan(tree, tvb, HEADER, said)
   if said.bad then problems[#problems + 1] = "bad block CRC" end
   if said.skipped then problems[#problems + 1] = "bytes skipped" end
+  -- A requester takes only responses to its own last request, addressed to its
+  -- UUID, from another UUID; and a UUID belongs to one address.
+  local seq = tvb(2, 2):le_uint()
+  local src, dst = tvb(4, 12):bytes():tohex(), tvb(16, 12):bytes():tohex()
+  local from = tostring(pinfo.src)
+  local ignored = {}
+  if header_ok then
+    if not owners[src] then owners[src] = { from, pinfo.number } end
+    local owner = owners[src]
+    if owner[1] ~= from then
+      tree:add_proto_expert_info(e.borrowed)
+      ignored[#ignored + 1] = string.format("source UUID of %s (frame %d)", owner[1], owner[2])
+    end
+    local key = kind .. ":" .. seq .. ":"
+    if bit32.band(flags, 1) ~= 0 then
+      if not requests[key .. src] then requests[key .. src] = pinfo.number end
+    elseif bit32.band(flags, 2) ~= 0 then
+      local asked = requests[key .. dst]
+      local before = #ignored
+      if asked and asked < pinfo.number then
+        tree:add(f.request_in, asked):set_generated()
+      else
+        ignored[#ignored + 1] = "answers no request in the capture"
+      end
+      if src == dst then ignored[#ignored + 1] = "from its requester's own UUID" end
+      if #ignored > before then tree:add_proto_expert_info(e.unmatched) end
+    end
+  end
+  if #ignored > 0 then tree:add(f.ignored, true):set_generated() end
   local what = (type_names[kind] or ("Type " .. kind)) ..
     (bit32.band(flags, 2) ~= 0 and " response" or bit32.band(flags, 1) ~= 0 and " request" or "")
   local info
@@ -238,6 +291,7 @@ function morl.dissector(tvb, pinfo, root)
     info = string.format("%s, seq 0x%04x", what, tvb(2, 2):le_uint())
   end
   if said.unknown then info = info .. " (a block of unknown type skipped)" end
+  if #ignored > 0 then info = "Ignored: " .. table.concat(ignored, ", ") .. "; " .. info end
   if #problems > 0 then info = "Malformed: " .. table.concat(problems, ", ") .. "; " .. info end
   pinfo.cols.info = info
   return len

@@ -196,7 +196,7 @@ std::string shownBlocks(const std::string& packet) {
 
 TEST(MorlDissector, ShowsWhatTheParserKeepsAndFlagsTheRest) {
   if (output("command -v tshark").empty()) GTEST_SKIP() << "needs tshark";
-  // A pcap of Ethernet frames, one Discovery response from 10.0.0.2 a payload.
+  // A pcap of Ethernet frames from 10.0.0.2: a Discovery request, then a response per payload.
   const std::string capture = testing::TempDir() + "morl-table.pcap";
   std::ofstream pcap(capture, std::ios::binary);
   auto le = [&](std::uint64_t v, int n) {
@@ -206,11 +206,11 @@ TEST(MorlDissector, ShowsWhatTheParserKeepsAndFlagsTheRest) {
     for (int i = n - 1; i >= 0; --i) pcap.put(static_cast<char>(v >> (8 * i)));
   };
   le(0xA1B2C3D4, 4), le(2, 2), le(4, 2), le(0, 8), le(65535, 4), le(1, 4);
-  for (const ParserRow& row : kParserRows) {
-    const Bytes payload = hex(row.payload);
+  auto frame = [&](std::uint8_t flags, const Bytes& payload) {
     MORL::Header header;
-    header.flags = MORL::Header::FlagResponse;
+    header.flags = flags;
     header.sequenceNumber = 0x1234;
+    if (flags == MORL::Header::FlagResponse) std::memset(header.sourceUuid, 2, 12);
     header.payloadLength = static_cast<std::uint16_t>(payload.size());
     Bytes packet(MORL::Header::PackedSize);
     header.pack({packet.data(), packet.size()});
@@ -222,19 +222,23 @@ TEST(MorlDissector, ShowsWhatTheParserKeepsAndFlagsTheRest) {
         be(0x0A000001, 4);
     be(udp_server::port, 2), be(udp_server::port, 2), be(udp << 16, 4);
     pcap.write(reinterpret_cast<const char*>(packet.data()), static_cast<long>(packet.size()));
-  }
+  };
+  frame(MORL::Header::FlagRequest, {});  // the request the rows answer
+  for (const ParserRow& row : kParserRows) frame(MORL::Header::FlagResponse, hex(row.payload));
   pcap.close();
   const std::string tshark = "tshark -X lua_script:" VARNOCK_SOURCE_DIR "/wireshark/morl.lua -r " +
                              capture + " 2>" + capture + ".err ";
   const std::string pdml = output(tshark + "-T pdml");
   std::istringstream info(output(tshark + "-T fields -e _ws.col.Info"));
   EXPECT_EQ(output("cat " + capture + ".err | grep -v 'Running as user'"), "");
-  std::size_t at = 0;
+  std::string line;
+  std::getline(info, line);
+  EXPECT_EQ(line, "Discovery request, seq 0x1234");
+  std::size_t at = pdml.find("</packet>") + 1;
   for (const ParserRow& row : kParserRows) {
     const std::size_t next = pdml.find("</packet>", at);
     ASSERT_NE(next, std::string::npos) << row.payload;
     EXPECT_EQ(shownBlocks(pdml.substr(at, next - at)), row.shown) << row.payload;
-    std::string line;
     std::getline(info, line);
     EXPECT_EQ(line, row.info) << row.payload;
     at = next + 1;

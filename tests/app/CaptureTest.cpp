@@ -1,0 +1,128 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <map>
+#include <regex>
+
+#include "VarnockOnLan.h"
+
+// Captures of runs on the simulated LAN, read by tshark with the MORL dissector.
+
+namespace {
+
+const std::string kDissector = "lua_script:" VARNOCK_SOURCE_DIR "/wireshark/morl.lua";
+
+/// tcpdump on the finder's link from construction to `stop`.
+class Capture {
+ public:
+  explicit Capture(Lan& lan) : lan_(lan), file_(lan.scratchFile("run.pcap")) {
+    const std::string log = lan.scratchFile("tcpdump.log");
+    pid_ = lan.spawn("finder", {"tcpdump", "-i", "eth0", "-U", "-n", "-w", file_}, log);
+    ready_ = pid_ > 0 && Lan::waitForText(log, "listening on");
+  }
+  bool ready() const { return ready_; }
+  /// tshark's fields of every MORL packet, one line each, in capture order; its errors in `err`.
+  Lan::Result stop(const Args& fields) {
+    lan_.stop(pid_);
+    Args args = {"tshark", "-X", kDissector, "-r", file_, "-Y", "morl", "-T", "fields"};
+    for (const auto& field : fields) args.insert(args.end(), {"-e", field});
+    Lan::Result r = lan_.run("finder", args);
+    r.err = std::regex_replace(r.err, std::regex("Running as user.*\n"), "");
+    return r;
+  }
+
+ private:
+  Lan& lan_;
+  std::string file_;
+  pid_t pid_ = -1;
+  bool ready_ = false;
+};
+
+std::vector<std::string> sortedLines(const std::string& text) {
+  std::multiset<std::string> lines;
+  std::istringstream in(text);
+  for (std::string line; std::getline(in, line);) lines.insert(line);
+  return {lines.begin(), lines.end()};
+}
+
+}  // namespace
+
+// One device of each type and a node that asks while varnock's own search runs: every device
+// answers both, by unicast to varnock, which asked for it, and by broadcast to the other; varnock
+// answers the other by broadcast. Every field as configured, every response matched to its request.
+TEST(MorlCapture, ShowsEachDeviceAsConfiguredAndEveryPacketOfTheRun) {
+  VARNOCK_REQUIRE_LAN();
+  Lan lan({3, 10, 11, 12, 13, 14, 15});
+  ASSERT_TRUE(lan.ok());
+  const char* types[] = {"extender_dorn", "extender_brask", "pallor_module",
+                         "extender_quin", "extender_fell",  "uknown"};
+  std::vector<std::string> expected = {
+      "10.0.0.1\t255.255.255.255\t0\t0x05\t\t\t\t",
+      "10.0.0.3\t255.255.255.255\t0\t0x01\t\t\t\t",
+      "10.0.0.1\t255.255.255.255\t0\t0x06\td14e\tcurrent\t\t",
+  };
+  for (int i = 0; i < 6; ++i) {
+    const std::string host = std::to_string(10 + i), name = "Dev-" + host;
+    const std::string version = "1." + std::to_string(i) + ".0";
+    ASSERT_TRUE(startDevice(lan, "d" + host,
+                            {"--name", name, "--software-version", version, "--service",
+                             std::to_string(i < 5 ? i : 7) + ":1", "--no-mdns", "--no-http"}));
+    const std::string fields = name + "\t" + version + "\t" + types[i] + "\t";
+    expected.push_back("10.0.0." + host + "\t10.0.0.1\t0\t0x06\t" + fields);
+    expected.push_back("10.0.0." + host + "\t255.255.255.255\t0\t0x06\t" + fields);
+  }
+  Capture capture(lan);
+  ASSERT_TRUE(capture.ready());
+  const pid_t finder =
+      lan.spawn("finder", {kBin + "/app/varnock", "--morl", "-T", "2"}, lan.scratchFile("out"));
+  ASSERT_TRUE(lan.waitForPort("finder", "udp", 4792));
+  // One well-formed Discovery request, by broadcast, without the unicast flag.
+  auto asker =
+      lan.run("d3", {kBin + "/lab/varnock-hostile", "morl", "10.0.0.1", "2", "0.9", "100"});
+  ASSERT_EQ(asker.out.rfind("morl: 1 packets", 0), 0u) << asker.out;
+  EXPECT_EQ(lan.stop(finder, std::chrono::seconds(1), std::chrono::seconds(10)), 0);
+  auto r = capture.stop({"ip.src", "ip.dst", "morl.type", "morl.flags", "morl.name", "morl.version",
+                         "morl.device_type", "morl.ignored"});
+  EXPECT_EQ(r.err, "");
+  std::sort(expected.begin(), expected.end());
+  EXPECT_EQ(sortedLines(r.out), expected);
+}
+
+// The hostile host sends every malformed kind it knows, and responses whose sequence, destination
+// or source the finder does not take: each one is flagged, none looks like a device's answer.
+TEST(MorlCapture, FlagsEveryHostilePacket) {
+  VARNOCK_REQUIRE_LAN();
+  Lan lan({10, 66});
+  ASSERT_TRUE(lan.ok());
+  ASSERT_TRUE(startDevice(lan, "d10", {"--name", "Dev-10", "--no-mdns", "--no-http"}));
+  Capture capture(lan);
+  ASSERT_TRUE(capture.ready());
+  // The finder's request comes first, so its UUID is known as 10.0.0.1's.
+  const pid_t finder =
+      lan.spawn("finder", {kBin + "/app/varnock", "--morl", "-T", "3"}, lan.scratchFile("out"));
+  ASSERT_TRUE(lan.waitForPort("finder", "udp", 4792));
+  auto hostile = lan.run("d66", {kBin + "/lab/varnock-hostile", "morl", "10.0.0.1", "800", "1"});
+  std::smatch sent;
+  ASSERT_TRUE(
+      std::regex_search(hostile.out, sent, std::regex("morl: (\\d+) packets.*, 0 not sent")))
+      << hostile.out;
+  EXPECT_EQ(lan.stop(finder, std::chrono::seconds(1), std::chrono::seconds(10)), 0);
+  auto r = capture.stop({"ip.src", "_ws.col.Info"});
+  EXPECT_EQ(r.err, "");
+  std::map<std::string, int> kinds;
+  for (const std::string& line : sortedLines(r.out)) {
+    const std::string info = std::regex_replace(
+        line, std::regex("^10\\.0\\.0\\.66\t(Malformed|Ignored): .*"), "hostile, flagged");
+    kinds[std::regex_replace(info, std::regex("^10\\.0\\.0\\.66\t.* request, seq 0x.*"),
+                             "hostile request")]++;
+  }
+  // Requests for UUIDs nobody has, and Discovery requests from the finder's UUID (flagged).
+  const int requests = kinds["hostile request"];
+  kinds.erase("hostile request");
+  EXPECT_GT(requests, 0);
+  EXPECT_EQ(kinds, (std::map<std::string, int>{
+                       {"10.0.0.1\tDiscovery request, seq 0x5f16", 1},
+                       {"10.0.0.10\tDiscovery response: Dev-10 1.0.0 pallor_module", 1},
+                       {"hostile, flagged", std::stoi(sent[1]) - requests},
+                   }));
+}
