@@ -198,6 +198,12 @@ bool Lan::waitForPort(const std::string& node, const std::string& proto, int por
                 name_, node, proto, std::to_string(port)}) == 0;
 }
 
+pid_t Lan::startCapture(const std::string& node, const std::string& file) {
+  const std::string log = file + ".log";
+  pid_t pid = spawn(node, {"tcpdump", "-i", "eth0", "-U", "-n", "-w", file}, log);
+  return pid > 0 && waitForText(log, "listening on") ? pid : -1;
+}
+
 pid_t Lan::startMdnsResponder(const std::string& node, const std::string& hostName) {
   std::string log = scratch_ + "/avahi-" + hostName + ".log";
   std::vector<std::string> argv{script("mdns-responder.sh"), name_, node, hostName};

@@ -59,6 +59,9 @@ class Lan {
   /// Waits until a TCP or UDP port is bound in the node (`proto` "tcp" or "udp").
   bool waitForPort(const std::string& node, const std::string& proto, int port,
                    std::chrono::milliseconds timeout = std::chrono::milliseconds(10000));
+  /// Starts tcpdump on the node's eth0, writing every packet to `file` at once; waits until it
+  /// listens. Stop it with `stop`.
+  pid_t startCapture(const std::string& node, const std::string& file);
   /// Starts an avahi-daemon in the node that announces an "_http._tcp" service
   /// on port 80 under `hostName`; waits until it runs.
   pid_t startMdnsResponder(const std::string& node, const std::string& hostName);

@@ -4,6 +4,9 @@
 #
 #   faults.sh LAN break|fix CAUSE
 #
+#   link-down      the finder's only link is down (a cable unplugged); fixed by
+#                  bringing it up with its default route, as the host's network
+#                  configuration does when the cable is back
 #   no-route       the finder has no default route, so the limited broadcast
 #                  has no way out; fixed by a route for 255.255.255.255 on eth0
 #   two-links      the finder's default route leads to a second link (wlan0),
@@ -31,6 +34,11 @@ on() { ip netns exec "$(lan_ns "$lan" "$1")" "${@:2}"; }  # NODE COMMAND...
 [ -e "/run/netns/$(lan_ns "$lan" finder)" ] || die "no LAN $lan"
 
 case "$verb $cause" in
+  "break link-down") on finder ip link set eth0 down ;;
+  "fix link-down")
+    on finder ip link set eth0 up
+    on finder ip route add default dev eth0
+    ;;
   "break no-route") on finder ip route del default ;;
   "fix no-route" | "fix two-links") on finder ip route add 255.255.255.255/32 dev eth0 ;;
   "break two-links")

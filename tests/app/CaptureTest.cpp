@@ -12,31 +12,17 @@ namespace {
 
 const std::string kDissector = "lua_script:" VARNOCK_SOURCE_DIR "/wireshark/morl.lua";
 
-/// tcpdump on the finder's link from construction to `stop`.
-class Capture {
- public:
-  explicit Capture(Lan& lan) : lan_(lan), file_(lan.scratchFile("run.pcap")) {
-    const std::string log = lan.scratchFile("tcpdump.log");
-    pid_ = lan.spawn("finder", {"tcpdump", "-i", "eth0", "-U", "-n", "-w", file_}, log);
-    ready_ = pid_ > 0 && Lan::waitForText(log, "listening on");
-  }
-  bool ready() const { return ready_; }
-  /// tshark's fields of every MORL packet, one line each, in capture order; its errors in `err`.
-  Lan::Result stop(const Args& fields) {
-    lan_.stop(pid_);
-    Args args = {"tshark", "-X", kDissector, "-r", file_, "-Y", "morl", "-T", "fields"};
-    for (const auto& field : fields) args.insert(args.end(), {"-e", field});
-    Lan::Result r = lan_.run("finder", args);
-    r.err = std::regex_replace(r.err, std::regex("Running as user.*\n"), "");
-    return r;
-  }
-
- private:
-  Lan& lan_;
-  std::string file_;
-  pid_t pid_ = -1;
-  bool ready_ = false;
-};
+/// Stops the finder's capture and gives tshark's fields of each of its MORL packets, a line each;
+/// tshark's errors in `err`.
+Lan::Result stopCapture(Lan& lan, pid_t tcpdump, const Args& fields) {
+  lan.stop(tcpdump);
+  Args args = {"tshark", "-X",   kDissector, "-r",    lan.scratchFile("run.pcap"),
+               "-Y",     "morl", "-T",       "fields"};
+  for (const auto& field : fields) args.insert(args.end(), {"-e", field});
+  Lan::Result r = lan.run("finder", args);
+  r.err = std::regex_replace(r.err, std::regex("Running as user.*\n"), "");
+  return r;
+}
 
 std::vector<std::string> sortedLines(const std::string& text) {
   std::multiset<std::string> lines;
@@ -71,8 +57,8 @@ TEST(MorlCapture, ShowsEachDeviceAsConfiguredAndEveryPacketOfTheRun) {
     expected.push_back("10.0.0." + host + "\t10.0.0.1\t0\t0x06\t" + fields);
     expected.push_back("10.0.0." + host + "\t255.255.255.255\t0\t0x06\t" + fields);
   }
-  Capture capture(lan);
-  ASSERT_TRUE(capture.ready());
+  const pid_t tcpdump = lan.startCapture("finder", lan.scratchFile("run.pcap"));
+  ASSERT_GT(tcpdump, 0);
   const pid_t finder =
       lan.spawn("finder", {kBin + "/app/varnock", "--morl", "-T", "2"}, lan.scratchFile("out"));
   ASSERT_TRUE(lan.waitForPort("finder", "udp", 4792));
@@ -81,8 +67,9 @@ TEST(MorlCapture, ShowsEachDeviceAsConfiguredAndEveryPacketOfTheRun) {
       lan.run("d3", {kBin + "/lab/varnock-hostile", "morl", "10.0.0.1", "2", "0.9", "100"});
   ASSERT_EQ(asker.out.rfind("morl: 1 packets", 0), 0u) << asker.out;
   EXPECT_EQ(lan.stop(finder, std::chrono::seconds(1), std::chrono::seconds(10)), 0);
-  auto r = capture.stop({"ip.src", "ip.dst", "morl.type", "morl.flags", "morl.name", "morl.version",
-                         "morl.device_type", "morl.ignored"});
+  auto r = stopCapture(lan, tcpdump,
+                       {"ip.src", "ip.dst", "morl.type", "morl.flags", "morl.name", "morl.version",
+                        "morl.device_type", "morl.ignored"});
   EXPECT_EQ(r.err, "");
   std::sort(expected.begin(), expected.end());
   EXPECT_EQ(sortedLines(r.out), expected);
@@ -95,8 +82,8 @@ TEST(MorlCapture, FlagsEveryHostilePacket) {
   Lan lan({10, 66});
   ASSERT_TRUE(lan.ok());
   ASSERT_TRUE(startDevice(lan, "d10", {"--name", "Dev-10", "--no-mdns", "--no-http"}));
-  Capture capture(lan);
-  ASSERT_TRUE(capture.ready());
+  const pid_t tcpdump = lan.startCapture("finder", lan.scratchFile("run.pcap"));
+  ASSERT_GT(tcpdump, 0);
   // The finder's request comes first, so its UUID is known as 10.0.0.1's.
   const pid_t finder =
       lan.spawn("finder", {kBin + "/app/varnock", "--morl", "-T", "3"}, lan.scratchFile("out"));
@@ -107,7 +94,7 @@ TEST(MorlCapture, FlagsEveryHostilePacket) {
       std::regex_search(hostile.out, sent, std::regex("morl: (\\d+) packets.*, 0 not sent")))
       << hostile.out;
   EXPECT_EQ(lan.stop(finder, std::chrono::seconds(1), std::chrono::seconds(10)), 0);
-  auto r = capture.stop({"ip.src", "_ws.col.Info"});
+  auto r = stopCapture(lan, tcpdump, {"ip.src", "_ws.col.Info"});
   EXPECT_EQ(r.err, "");
   std::map<std::string, int> kinds;
   for (const std::string& line : sortedLines(r.out)) {

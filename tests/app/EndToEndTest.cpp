@@ -106,29 +106,3 @@ TEST(VarnockLan, EachRunPrintsExactlyWhatItsMethodsFind) {
     }
   }
 }
-
-TEST(VarnockLan, FailedDiscoveryIsReportedAndTheOtherMethodStillLists) {
-  VARNOCK_REQUIRE_LAN();
-  Lan lan({20});
-  ASSERT_TRUE(lan.ok());
-  ASSERT_TRUE(
-      startDevice(lan, Lan::device(20), {"--name", "Http-20", "--service", "4:1", "--no-mdns"}));
-  ASSERT_GT(lan.startMdnsResponder(Lan::device(20), "device-20"), 0);
-  ASSERT_TRUE(startDevice(lan, "finder", {"--no-http"}));  // holds the MORL port
-  const std::string morlError = "bind: Address already in use\nError: MORL discovery failed!";
-  auto r = varnock(lan, {"-M", "1", "-T", "1"});
-  EXPECT_EQ(r.status, 0);
-  EXPECT_EQ(r.out, "      10.0.0.20:                        Http-20               1.0.0\n");
-  EXPECT_EQ(r.err, morlError);
-
-  // With no address but loopback mDNS fails too; its text, without a line end,
-  // may come anywhere among the MORL texts.
-  ASSERT_EQ(lan.run("finder", {"ip", "link", "set", "eth0", "down"}).status, 0);
-  r = varnock(lan, {"-M", "1", "-T", "1"});
-  EXPECT_EQ(r.status, 0);
-  EXPECT_EQ(r.out, "");
-  const std::string mdnsError = "Error: mDNS discovery failed!";
-  size_t at = r.err.find(mdnsError);
-  ASSERT_NE(at, std::string::npos) << r.err;
-  EXPECT_EQ(r.err.erase(at, mdnsError.size()), morlError);
-}

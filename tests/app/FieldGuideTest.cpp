@@ -46,6 +46,9 @@ const std::string kHttpLog =
     "{\"data\":{\"name\":\"Http-20\",\"version\":\"1.0.0\",\"device_type\":\"pallor_module\"}}\n";
 
 const Cause kCauses[] = {
+    {"link-down",
+     {{"finder", kQuick, "", "Error: mDNS discovery failed!"}},
+     {{"finder", kQuick, kAll}}},
     {"no-route",
      {{"finder", kRouteGet, "", "RTNETLINK answers: Network is unreachable\n", 2},
       {"finder", kVerbose, kMdnsLog + kHttpLog + "Result:\n" + kHttp}},
