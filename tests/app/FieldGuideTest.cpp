@@ -32,6 +32,7 @@ const std::string kHttp = "      10.0.0.20:                        Http-20      
 const std::string kAll = kDorn + kCtrl + kHttp;
 const Args kQuick = {"varnock", "-M", "1", "-T", "1"};
 const Args kVerbose = {"varnock", "-v", "-M", "1", "-T", "1"};
+const Args kOperState = {"cat", "/sys/class/net/eth0/operstate"};
 const Args kRouteGet = {"ip", "route", "get", "255.255.255.255"};
 const std::string kMdnsLog =
     "Local IPv4 address: 0.0.0.0\nLocal IPv6 address: ::\nmDNS socket count: 2, querying...\n"
@@ -47,8 +48,8 @@ const std::string kHttpLog =
 
 const Cause kCauses[] = {
     {"link-down",
-     {{"finder", kQuick, "", "Error: mDNS discovery failed!"}},
-     {{"finder", kQuick, kAll}}},
+     {{"finder", kOperState, "down\n"}, {"finder", kQuick, "", "Error: mDNS discovery failed!"}},
+     {{"finder", kOperState, "up\n"}, {"finder", kQuick, kAll}}},
     {"no-route",
      {{"finder", kRouteGet, "", "RTNETLINK answers: Network is unreachable\n", 2},
       {"finder", kVerbose, kMdnsLog + kHttpLog + "Result:\n" + kHttp}},
