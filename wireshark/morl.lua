@@ -72,14 +72,30 @@ local e = {
 morl.experts = { e.crc, e.short, e.length, e.type, e.skipped, e.unknown, e.oversized, e.unmatched,
   e.borrowed }
 
--- What earlier frames of the capture said: requests by type, sequence number and
--- source UUID, and the first address each source UUID came from.
-local requests, owners
+-- What earlier frames of the capture said: the latest request by type, sequence
+-- number and source UUID, and the first address each source UUID came from. A
+-- frame's relations are decided on the first pass, in frame order, and kept for
+-- later passes (Wireshark dissects a frame again whenever it is shown).
+local requests, owners, decided
 local function forget()
-  requests, owners = {}, {}
+  requests, owners, decided = {}, {}, {}
 end
 forget()
 morl.init = forget
+
+local function relations(number, from, kind, flags, seq, src, dst)
+  if decided[number] then return decided[number] end
+  owners[src] = owners[src] or { from, number }
+  local d = { owner = owners[src] }
+  local key = kind .. ":" .. seq .. ":"
+  if bit32.band(flags, 1) ~= 0 then
+    requests[key .. src] = number
+  elseif bit32.band(flags, 2) ~= 0 then
+    d.asked = requests[key .. dst]
+  end
+  decided[number] = d
+  return d
+end
 
 -- CRC-32 without the final inversion (JAMCRC), reflected, polynomial 0xEDB88320.
 local crc_table = {}
@@ -258,20 +274,15 @@ function morl.dissector(tvb, pinfo, root)
   local from = tostring(pinfo.src)
   local ignored = {}
   if header_ok then
-    if not owners[src] then owners[src] = { from, pinfo.number } end
-    local owner = owners[src]
-    if owner[1] ~= from then
+    local d = relations(pinfo.number, from, kind, flags, seq, src, dst)
+    if d.owner[1] ~= from then
       tree:add_proto_expert_info(e.borrowed)
-      ignored[#ignored + 1] = string.format("source UUID of %s (frame %d)", owner[1], owner[2])
+      ignored[#ignored + 1] = string.format("source UUID of %s (frame %d)", d.owner[1], d.owner[2])
     end
-    local key = kind .. ":" .. seq .. ":"
-    if bit32.band(flags, 1) ~= 0 then
-      if not requests[key .. src] then requests[key .. src] = pinfo.number end
-    elseif bit32.band(flags, 2) ~= 0 then
-      local asked = requests[key .. dst]
+    if bit32.band(flags, 1) == 0 and bit32.band(flags, 2) ~= 0 then
       local before = #ignored
-      if asked and asked < pinfo.number then
-        tree:add(f.request_in, asked):set_generated()
+      if d.asked then
+        tree:add(f.request_in, d.asked):set_generated()
       else
         ignored[#ignored + 1] = "answers no request in the capture"
       end
