@@ -1,7 +1,9 @@
 #!/usr/bin/env python3
 """Writes a pcap of COUNT MORL datagrams to FILE for the dissector benchmark:
 requests, responses of several sizes, a tame response, and the malformed
-kinds (bad CRCs, unknown blocks, a wrong length, a short packet) in turn.
+kinds (bad CRCs, unknown blocks, a wrong length, a short packet) in turn. As
+in a run, the requests come from the finder (10.0.0.1, UUID 01 x 12) and the
+responses from a device (10.0.0.2, UUID AB x 12) answer them.
   bench/morl-capture.py FILE COUNT"""
 import struct
 import sys
@@ -13,7 +15,8 @@ def block(body):
 
 
 def packet(kind, flags, payload, length=None):
-    head = struct.pack("<BBH", kind, flags, 0x1234) + bytes([0xAB] * 12) + bytes([1] * 12)
+    uuids = bytes([1] * 12) + bytes(12) if flags & 1 else bytes([0xAB] * 12) + bytes([1] * 12)
+    head = struct.pack("<BBH", kind, flags, 0x1234) + uuids
     return block(head + struct.pack("<H", len(payload) if length is None else length)) + payload
 
 
@@ -44,7 +47,8 @@ with open(sys.argv[1], "wb") as out:
     for i in range(int(sys.argv[2])):
         p = kinds[i % len(kinds)]
         udp = struct.pack(">HHHH", 4792, 4792, 8 + len(p), 0) + p
+        hosts = (1, 2) if p[1] & 1 else (2, 1)
         ip = struct.pack(">BBHHHBBH4s4s", 0x45, 0, 20 + len(udp), 0, 0, 64, 17, 0,
-                         bytes([10, 0, 0, 2]), bytes([10, 0, 0, 1]))
+                         bytes([10, 0, 0, hosts[0]]), bytes([10, 0, 0, hosts[1]]))
         frame = b"\x02" * 6 + b"\x04" * 6 + b"\x08\x00" + ip + udp
         out.write(struct.pack("<IIII", i // 1000, i % 1000 * 1000, len(frame), len(frame)) + frame)

@@ -73,28 +73,31 @@ morl.experts = { e.crc, e.short, e.length, e.type, e.skipped, e.unknown, e.overs
   e.borrowed }
 
 -- What earlier frames of the capture said: the latest request by type, sequence
--- number and source UUID, and the first address each source UUID came from. A
--- frame's relations are decided on the first pass, in frame order, and kept for
--- later passes (Wireshark dissects a frame again whenever it is shown).
-local requests, owners, decided
+-- number and source UUID, and the first frame and address of each source UUID.
+-- A response's request is decided on the first pass, in frame order, and kept
+-- for later passes (Wireshark dissects a frame again whenever it is shown);
+-- numbers and strings only, which the garbage collector does not walk.
+local requests, first_frame, first_from, asked_in
 local function forget()
-  requests, owners, decided = {}, {}, {}
+  requests, first_frame, first_from, asked_in = {}, {}, {}, {}
 end
 forget()
 morl.init = forget
 
-local function relations(number, from, kind, flags, seq, src, dst)
-  if decided[number] then return decided[number] end
-  owners[src] = owners[src] or { from, number }
-  local d = { owner = owners[src] }
-  local key = kind .. ":" .. seq .. ":"
-  if bit32.band(flags, 1) ~= 0 then
-    requests[key .. src] = number
-  elseif bit32.band(flags, 2) ~= 0 then
-    d.asked = requests[key .. dst]
+-- The frame of the request that a response answers, or nil.
+local function relate(number, from, kind, flags, seq, src, dst)
+  if asked_in[number] == nil then
+    if not first_frame[src] then first_frame[src], first_from[src] = number, from end
+    local key = kind .. ":" .. seq .. ":"
+    local asked = false
+    if bit32.band(flags, 1) ~= 0 then
+      requests[key .. src] = number
+    elseif bit32.band(flags, 2) ~= 0 then
+      asked = requests[key .. dst] or false
+    end
+    asked_in[number] = asked
   end
-  decided[number] = d
-  return d
+  return asked_in[number] or nil
 end
 
 -- CRC-32 without the final inversion (JAMCRC), reflected, polynomial 0xEDB88320.
@@ -270,19 +273,20 @@ function morl.dissector(tvb, pinfo, root)
   -- A requester takes only responses to its own last request, addressed to its
   -- UUID, from another UUID; and a UUID belongs to one address.
   local seq = tvb(2, 2):le_uint()
-  local src, dst = tvb(4, 12):bytes():tohex(), tvb(16, 12):bytes():tohex()
+  local src, dst = tvb:raw(4, 12), tvb:raw(16, 12)
   local from = tostring(pinfo.src)
   local ignored = {}
   if header_ok then
-    local d = relations(pinfo.number, from, kind, flags, seq, src, dst)
-    if d.owner[1] ~= from then
+    local asked = relate(pinfo.number, from, kind, flags, seq, src, dst)
+    if first_from[src] ~= from then
       tree:add_proto_expert_info(e.borrowed)
-      ignored[#ignored + 1] = string.format("source UUID of %s (frame %d)", d.owner[1], d.owner[2])
+      ignored[#ignored + 1] = string.format("source UUID of %s (frame %d)", first_from[src],
+        first_frame[src])
     end
     if bit32.band(flags, 1) == 0 and bit32.band(flags, 2) ~= 0 then
       local before = #ignored
-      if d.asked then
-        tree:add(f.request_in, d.asked):set_generated()
+      if asked then
+        tree:add(f.request_in, asked):set_generated()
       else
         ignored[#ignored + 1] = "answers no request in the capture"
       end
