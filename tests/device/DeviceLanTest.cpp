@@ -19,7 +19,6 @@ namespace {
 using Args = std::vector<std::string>;
 using Bytes = std::vector<unsigned char>;
 const std::string kBin = std::getenv("VARNOCK_BIN_DIR") ? std::getenv("VARNOCK_BIN_DIR") : ".";
-const std::string kTests = VARNOCK_DEVICE_TESTS;
 const std::string kUuid = "0102030405060708090a0b0c";
 
 pid_t startDevice(Lan& lan, const std::string& node, Args args, const std::string& log) {
@@ -74,12 +73,12 @@ TEST(DeviceLan, IndependentMdnsClientsResolveTheDevice) {
     const Lan::Result r = varnock(lan, args);
     EXPECT_EQ(r.out + r.err, listed) << args[0];
   }
-  const Lan::Result avahi = lan.run("d3", {kTests + "/avahi-browse.sh", lan.ns("d3")});
+  const Lan::Result avahi = lan.run("d3", {Lan::script("avahi-browse.sh"), lan.ns("d3")});
   EXPECT_EQ(avahi.out, "=;eth0;IPv4;Pallor-2-0a0b0c;Web Site;local;vd-" + kUuid +
                            ".local;10.0.0.2;80;\"uuid=" + kUuid + "\"\n")
       << avahi.err;
   const Lan::Result zeroconf =
-      lan.run("d3", {"/usr/bin/python3", kTests + "/zeroconf-browse.py", "2"});
+      lan.run("d3", {"/usr/bin/python3", Lan::script("zeroconf-browse.py"), "2"});
   EXPECT_EQ(zeroconf.out, "Pallor-2-0a0b0c._http._tcp.local. vd-" + kUuid +
                               ".local. 10.0.0.2 80 ['uuid=" + kUuid + "']\n")
       << zeroconf.err;
