@@ -27,8 +27,10 @@ if [ ${#targets[@]} -eq 0 ]; then
   exit 1
 fi
 
-failed=()
-for exe in "${targets[@]}"; do
+# One target; its report goes to $work/NAME/report, and a finding leaves
+# $work/NAME/failed.
+fuzz_one() {  # EXE
+  local exe=$1 name corpus artifacts log a
   name=$(basename "$exe")
   corpus="$work/$name/corpus"
   artifacts="$work/$name/artifacts"
@@ -36,21 +38,36 @@ for exe in "${targets[@]}"; do
   if [ -d "$root/fuzz/corpus/$name" ]; then
     cp -R "$root/fuzz/corpus/$name/." "$corpus/"
   fi
-  echo "== $name: ${seconds}s, $(find "$corpus" -type f | wc -l) seeds"
   log="$work/$name/log"
-  if ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=1} \
-     "$exe" -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 -print_final_stats=1 \
-       -artifact_prefix="$artifacts/" "$corpus" >"$log" 2>&1; then
-    grep -E '^(#[0-9]+.*DONE|stat::number_of_executed_units|Done [0-9]+ runs)' "$log" || true
-  else
-    tail -n 60 "$log"
-    for a in "$artifacts"/*; do
-      [ -e "$a" ] || continue
-      echo "-- failing input $(basename "$a") (hex):"
-      od -An -tx1 -v "$a" | head -n 20
-    done
-    failed+=("$name")
-  fi
+  {
+    echo "== $name: ${seconds}s, $(find "$corpus" -type f | wc -l) seeds"
+    if ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=1} \
+       "$exe" -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 -print_final_stats=1 \
+         -artifact_prefix="$artifacts/" "$corpus" >"$log" 2>&1; then
+      grep -E '^(#[0-9]+.*DONE|stat::number_of_executed_units|Done [0-9]+ runs)' "$log" || true
+    else
+      tail -n 60 "$log"
+      for a in "$artifacts"/*; do
+        [ -e "$a" ] || continue
+        echo "-- failing input $(basename "$a") (hex):"
+        od -An -tx1 -v "$a" | head -n 20
+      done
+      touch "$work/$name/failed"
+    fi
+  } >"$work/$name/report" 2>&1
+}
+
+# Two targets at a time, one a core: each still runs single-threaded for SECONDS.
+failed=()
+for ((i = 0; i < ${#targets[@]}; i += 2)); do
+  pair=("${targets[@]:i:2}")
+  for exe in "${pair[@]}"; do fuzz_one "$exe" & done
+  wait
+  for exe in "${pair[@]}"; do
+    name=$(basename "$exe")
+    cat "$work/$name/report"
+    [ ! -e "$work/$name/failed" ] || failed+=("$name")
+  done
 done
 
 if [ ${#failed[@]} -gt 0 ]; then
