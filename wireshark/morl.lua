@@ -303,7 +303,7 @@ function morl.dissector(tvb, pinfo, root)
   elseif said.owner then
     info = what .. ": owner " .. said.owner
   else
-    info = string.format("%s, seq 0x%04x", what, tvb(2, 2):le_uint())
+    info = string.format("%s, seq 0x%04x", what, seq)
   end
   if said.unknown then info = info .. " (a block of unknown type skipped)" end
   if #ignored > 0 then info = "Ignored: " .. table.concat(ignored, ", ") .. "; " .. info end

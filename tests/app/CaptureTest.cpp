@@ -50,9 +50,10 @@ TEST(MorlCapture, ShowsEachDeviceAsConfiguredAndEveryPacketOfTheRun) {
   for (int i = 0; i < 6; ++i) {
     const std::string host = std::to_string(10 + i), name = "Dev-" + host;
     const std::string version = "1." + std::to_string(i) + ".0";
-    ASSERT_TRUE(startDevice(lan, "d" + host,
-                            {"--name", name, "--software-version", version, "--service",
-                             std::to_string(i < 5 ? i : 7) + ":1", "--no-mdns", "--no-http"}));
+    ASSERT_GT(startDevice(lan, "d" + host,
+                          {"--name", name, "--software-version", version, "--service",
+                           std::to_string(i < 5 ? i : 7) + ":1", "--no-mdns", "--no-http"}),
+              0);
     const std::string fields = name + "\t" + version + "\t" + types[i] + "\t";
     expected.push_back("10.0.0." + host + "\t10.0.0.1\t0\t0x06\t" + fields);
     expected.push_back("10.0.0." + host + "\t255.255.255.255\t0\t0x06\t" + fields);
@@ -81,7 +82,7 @@ TEST(MorlCapture, FlagsEveryHostilePacket) {
   VARNOCK_REQUIRE_LAN();
   Lan lan({10, 66});
   ASSERT_TRUE(lan.ok());
-  ASSERT_TRUE(startDevice(lan, "d10", {"--name", "Dev-10", "--no-mdns", "--no-http"}));
+  ASSERT_GT(startDevice(lan, "d10", {"--name", "Dev-10", "--no-mdns", "--no-http"}), 0);
   const pid_t tcpdump = lan.startCapture("finder", lan.scratchFile("run.pcap"));
   ASSERT_GT(tcpdump, 0);
   // The finder's request comes first, so its UUID is known as 10.0.0.1's.

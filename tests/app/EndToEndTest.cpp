@@ -47,7 +47,7 @@ TEST(VarnockLan, EachRunPrintsExactlyWhatItsMethodsFind) {
        {"--name", "Odd-200", "--service", "7:1", "--http-body", R"({"data":{"name":"A"}})",
         "--no-mdns"}},
   };
-  for (const auto& [host, args] : devices) ASSERT_TRUE(startDevice(lan, Lan::device(host), args));
+  for (const auto& [host, args] : devices) ASSERT_GT(startDevice(lan, Lan::device(host), args), 0);
   for (int host : {11, 20, 22})
     ASSERT_GT(lan.startMdnsResponder(Lan::device(host), "device-" + std::to_string(host)), 0);
 

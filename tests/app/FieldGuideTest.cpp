@@ -106,13 +106,15 @@ TEST_P(FieldGuide, ShowsTheCauseAndThatItsFixListsTheDevice) {
   setenv("VARNOCK_DEVICE", (kBin + "/device/varnock-device").c_str(), 1);
   Lan lan({5, 10, 12, 20});
   ASSERT_TRUE(lan.ok());
-  ASSERT_TRUE(
-      startDevice(lan, "d10", {"--name", "Dorn-10", "--service", "0:1", "--no-http", "--no-mdns"}));
+  ASSERT_GT(
+      startDevice(lan, "d10", {"--name", "Dorn-10", "--service", "0:1", "--no-http", "--no-mdns"}),
+      0);
   const std::string body =
       R"({"data":{"name":"Ctrl-12","version":"1.0.0","device_type":"pallor_module"}})";
-  ASSERT_TRUE(startDevice(lan, "d12",
-                          {"--name", "Ctrl-12", "--no-service", "--http-body", body, "--no-mdns"}));
-  ASSERT_TRUE(startDevice(lan, "d20", {"--name", "Http-20", "--no-morl"}));
+  ASSERT_GT(startDevice(lan, "d12",
+                        {"--name", "Ctrl-12", "--no-service", "--http-body", body, "--no-mdns"}),
+            0);
+  ASSERT_GT(startDevice(lan, "d20", {"--name", "Http-20", "--no-morl"}), 0);
   for (const char* verb : {"break", "fix"}) {
     auto done = lan.run("finder", {Lan::script("faults.sh"), lan.name(), verb, cause.name});
     ASSERT_EQ(done.status, 0) << verb << ": " << done.err;

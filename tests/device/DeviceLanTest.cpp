@@ -6,9 +6,7 @@
 #include <sys/time.h>
 #include <unistd.h>
 
-#include <cstdlib>
-
-#include "RequireLan.h"
+#include "VarnockOnLan.h"
 #include "mdns/MDNSDiscovery.h"
 
 // varnock-device on the simulated LAN, asked by varnock and by independent
@@ -16,21 +14,8 @@
 
 namespace {
 
-using Args = std::vector<std::string>;
 using Bytes = std::vector<unsigned char>;
-const std::string kBin = std::getenv("VARNOCK_BIN_DIR") ? std::getenv("VARNOCK_BIN_DIR") : ".";
 const std::string kUuid = "0102030405060708090a0b0c";
-
-pid_t startDevice(Lan& lan, const std::string& node, Args args, const std::string& log) {
-  args.insert(args.begin(), kBin + "/device/varnock-device");
-  const pid_t pid = lan.spawn(node, args, lan.scratchFile(log));
-  return Lan::waitForText(lan.scratchFile(log), "ready\n") ? pid : -1;
-}
-
-Lan::Result varnock(Lan& lan, Args args) {
-  args.insert(args.begin(), kBin + "/app/varnock");
-  return lan.run("finder", args);
-}
 
 /// Sends `query` to the mDNS group from a socket on `port` of the calling
 /// thread's namespace that hears only unicast; returns the first reply and its sender.
@@ -42,7 +27,7 @@ Bytes ask(const Bytes& query, unsigned short port, sockaddr_in& from) {
   setsockopt(sock, IPPROTO_IP, IP_MULTICAST_ALL, &off, sizeof off);
   timeval wait{3, 0};
   setsockopt(sock, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait);
-  sockaddr_in local{AF_INET, htons(port), {}, {}}, group{AF_INET, htons(5353), {}, {}};
+  sockaddr_in local{AF_INET, htons(port), {}, {}}, group{AF_INET, htons(kMdnsPort), {}, {}};
   group.sin_addr.s_addr = inet_addr("224.0.0.251");
   bind(sock, reinterpret_cast<sockaddr*>(&local), sizeof local);
   sendto(sock, query.data(), query.size(), 0, reinterpret_cast<sockaddr*>(&group), sizeof group);
@@ -87,7 +72,7 @@ TEST(DeviceLan, IndependentMdnsClientsResolveTheDevice) {
   Bytes query(64);
   query.resize(mdns_build_query(query.data(), query.size(), 0x8001));
   sockaddr_in from{};
-  const Bytes unicast = ask(query, 5353, from);
+  const Bytes unicast = ask(query, kMdnsPort, from);
   EXPECT_EQ(std::string(inet_ntoa(from.sin_addr)) + ":" + std::to_string(ntohs(from.sin_port)),
             "10.0.0.2:5353");
   MDNS_Discover::entries.clear();

@@ -16,10 +16,13 @@ using Args = std::vector<std::string>;
 inline const std::string kBin =
     std::getenv("VARNOCK_BIN_DIR") ? std::getenv("VARNOCK_BIN_DIR") : ".";
 
-inline bool startDevice(Lan& lan, const std::string& node, Args args) {
-  std::string log = lan.scratchFile(node + ".log");
+/// Starts varnock-device in the node and waits until it is ready; its output goes to the scratch
+/// file `log` (NODE.log by default). Returns its PID, or -1.
+inline pid_t startDevice(Lan& lan, const std::string& node, Args args, std::string log = "") {
+  log = lan.scratchFile(log.empty() ? node + ".log" : log);
   args.insert(args.begin(), kBin + "/device/varnock-device");
-  return lan.spawn(node, args, log) > 0 && Lan::waitForText(log, "ready\n");
+  const pid_t pid = lan.spawn(node, args, log);
+  return pid > 0 && Lan::waitForText(log, "ready\n") ? pid : -1;
 }
 
 inline Lan::Result varnock(Lan& lan, Args args) {
