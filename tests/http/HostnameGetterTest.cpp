@@ -3,10 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <cstdlib>
 #include <tuple>
 
-#include "RequireLan.h"
+#include "VarnockOnLan.h"
 
 namespace {
 
@@ -41,11 +40,8 @@ TEST(GatherLan, EveryDeviceModeGivesItsRecordWithinTheFixedDeadlines) {
   std::vector<Strings> want;
   for (int host = 2; host < peer; ++host) {
     const auto& [options, type, after] = modes[host - 2];
-    Strings argv{std::string(std::getenv("VARNOCK_BIN_DIR")) + "/device/varnock-device"};
-    argv.insert(argv.end(), options.begin(), options.end());
-    const std::string out = lan.scratchFile(Lan::device(host));
-    ASSERT_GT(lan.spawn(Lan::device(host), argv, out), 0);
-    ASSERT_TRUE(Lan::waitForText(out, "ready\n")) << Lan::readText(out);
+    ASSERT_GT(startDevice(lan, Lan::device(host), options, Lan::device(host)), 0)
+        << Lan::readText(lan.scratchFile(Lan::device(host)));
     entries.push_back({lan.ip(host), "old", "0.9", type});
     want.push_back(after.empty() ? Strings{"old", "0.9", type} : after);
   }

@@ -1,13 +1,12 @@
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <cstring>
 #include <map>
 #include <thread>
 
 #include <boost/asio/io_context.hpp>
 
-#include "RequireLan.h"
+#include "VarnockOnLan.h"
 #include "morl/IMORLEndpoint.h"
 #include "morl/MORL_Discover.h"
 #include "morl/udp_server.h"
@@ -88,7 +87,6 @@ TEST(MorlLan, FinderAndDevicesAnswerAsConfiguredAndTheFinderRecordsEachDeviceOnc
   VARNOCK_REQUIRE_LAN();
   Lan lan({2, 3, 4, 5, 10});
   ASSERT_TRUE(lan.ok());
-  const std::string device = std::string(std::getenv("VARNOCK_BIN_DIR")) + "/device/varnock-device";
   const std::string e(24, 'e'), name(30, 'N'), version(20, 'V');  // fields without a zero byte
   std::vector<pid_t> devices;
   // clang-format off
@@ -97,9 +95,9 @@ TEST(MorlLan, FinderAndDevicesAnswerAsConfiguredAndTheFinderRecordsEachDeviceOnc
            {3, {"--uuid", "0b0b0b0b0b0b0b0b0b0b0b0b", "--owner", e, "--name", name, "--software-version", version, "--service", "7:0", "--refuse-tame", "--morl-delay", "1"}},
            {10, {"--uuid", std::string(24, 'c'), "--no-unicast", "--no-service"}}}) {
     // clang-format on
-    options.insert(options.begin(), {device, "--no-http"});
-    devices.push_back(lan.spawn(Lan::device(host), options, lan.scratchFile(Lan::device(host))));
-    ASSERT_TRUE(Lan::waitForText(lan.scratchFile(Lan::device(host)), "ready\n"));
+    options.insert(options.begin(), "--no-http");
+    devices.push_back(startDevice(lan, Lan::device(host), options, Lan::device(host)));
+    ASSERT_GT(devices.back(), 0);
   }
   const Uuid p = uuid(0x0D);
   ASSERT_TRUE(lan.enter("d4"));
