@@ -13,7 +13,7 @@ if [ "${1:-}" = "--no-build" ]; then build=0; shift; fi
 builddir=${1:-"$root/build"}
 
 packages=(
-  g++ cmake ninja-build pkg-config
+  g++ cmake ninja-build pkg-config ccache
   libboost1.81-dev libboost-program-options1.81-dev
   libjsoncpp-dev googletest libgtest-dev libgmock-dev libbenchmark-dev
   clang libclang-rt-14-dev clang-format
