@@ -5,7 +5,13 @@
 #include <boost/regex.hpp>
 #include <iomanip>
 
-void printResult(std::ostream& out, const std::vector<Entry>& entries, bool json, bool all) {
+#include "qm/PrintableText.h"
+
+void printResult(std::ostream& out, const std::vector<Entry>& entries, bool json, bool all,
+                 bool terminal) {
+  const auto shown = [terminal](const std::string& text) {
+    return terminal ? printableText(text) : text;
+  };
   // Only the shape is tested: 999.1.1.1 passes, IPv6 text and fragments never do.
   const boost::regex filter("[0-9]{1,3}\\.[0-9]{1,3}\\.[0-9]{1,3}\\.[0-9]{1,3}");
   Json::Value root;
@@ -26,13 +32,16 @@ void printResult(std::ostream& out, const std::vector<Entry>& entries, bool json
     } else {
       // The device type is deliberately not printed in text mode.
       out << std::setw(15) << e.ip << ": ";
-      if (!e.name.empty()) out << std::setw(30) << e.name << std::setw(20) << e.version;
+      if (!e.name.empty())
+        out << std::setw(30) << shown(e.name) << std::setw(20) << shown(e.version);
       out << "\n";
     }
   }
   if (json) {
     try {
-      out << root.toStyledString() << "\n";
+      // The writer escapes every control character but DEL; tabs and line ends are its layout.
+      const std::string text = root.toStyledString();
+      out << (terminal ? printableText(text, "\t\n") : text) << "\n";
     } catch (const Json::LogicError& e) {
       out << "Json error: " << e.what() << "\n";
     }

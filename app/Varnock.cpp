@@ -6,6 +6,7 @@
 #include "app/IPCollector.h"
 #include "app/ResultPrinter.h"
 #include "http/HostnameGetter.h"
+#include "qm/PrintableText.h"
 #include "qm/log.h"
 
 int runVarnock(int argc, char** argv) {
@@ -32,6 +33,6 @@ int runVarnock(int argc, char** argv) {
 
   HostnameGetter::gather(entries);
   logd("Result:");
-  printResult(std::cout, entries, json, all);
+  printResult(std::cout, entries, json, all, stdoutIsTerminal());
   return 0;
 }

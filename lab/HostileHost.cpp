@@ -16,6 +16,10 @@
 //     replies to the sockets they came from for SECONDS, and three times over
 //     a well-formed reply from each of SPOOF-COUNT addresses from SPOOF-FIRST
 //     on (last byte 0 and 255 skipped) through a raw socket.
+//   varnock-hostile answer NAME VERSION SECONDS
+//     Answers every Discovery request heard on port 4792 with one well-formed
+//     response under NAME and VERSION, whatever bytes they hold (cut to their
+//     fields), by unicast to the asker; prints "ready" once it listens.
 #include <arpa/inet.h>
 #include <net/if.h>
 #include <netinet/ip.h>
@@ -110,7 +114,8 @@ using Tame = MORL::TameStatusBlock;
 // destination and source were right.
 constexpr size_t kResponseSize =
     H::PackedSize + Info::PackedSize + Service::PackedSize + Tame::PackedSize;
-size_t morlResponse(unsigned char* out, uint16_t sequence, const Uuid& source, const Uuid& to) {
+size_t morlResponse(unsigned char* out, uint16_t sequence, const Uuid& source, const Uuid& to,
+                    const std::string& name = "hostile", const std::string& version = "6.6.6") {
   H h;
   h.flags = H::FlagResponse | H::FlagUnicast;
   h.sequenceNumber = sequence;
@@ -119,8 +124,8 @@ size_t morlResponse(unsigned char* out, uint16_t sequence, const Uuid& source, c
   h.payloadLength = kResponseSize - H::PackedSize;
   Info info;
   std::memcpy(info.uuid, source, 12);
-  std::strcpy(info.deviceName, "hostile");
-  std::strcpy(info.softwareVersion, "6.6.6");
+  name.copy(info.deviceName, sizeof info.deviceName);
+  version.copy(info.softwareVersion, sizeof info.softwareVersion);
   Service service;
   service.serviceType = MORL::ServiceType::PallorModule;
   unsigned char* at = out;
@@ -235,6 +240,37 @@ int morl(uint32_t finder, unsigned long rate, double seconds, unsigned requestSh
       "morl: %lu packets in %.1f s (%.0f/s, half to broadcast), %lu not sent; "
       "finder's request heard after %.2f s (-1: never)\n",
       sent, took, sent / took, failed, heard);
+  return 0;
+}
+
+int answer(const std::string& name, const std::string& version, double seconds) {
+  int s = udpSocket(AF_INET, udp_server::port, INADDR_BROADCAST), out = udpSocket(AF_INET, 0);
+  if (s < 0 || out < 0) {
+    std::perror("varnock-hostile answer: socket");
+    return 1;
+  }
+  std::printf("ready\n");
+  std::fflush(stdout);
+  rng.seed(static_cast<unsigned>(getpid()));  // a UUID of its own beside other hosts
+  Uuid self;
+  randomBytes(self, 12);
+  unsigned char packet[1500];
+  paced(0, seconds, [&](double, unsigned long) {
+    sockaddr_in from{};
+    socklen_t length = sizeof from;
+    MORL::Header h;
+    ssize_t n;
+    while ((n = recvfrom(s, packet, sizeof packet, 0, reinterpret_cast<sockaddr*>(&from),
+                         &length)) > 0)
+      if (h.unpack({packet, static_cast<unsigned long>(n)}) && h.type == H::Discovery &&
+          (h.flags & H::FlagRequest)) {
+        const size_t size =
+            morlResponse(packet, h.sequenceNumber, self, h.sourceUuid, name, version);
+        from.sin_port = htons(udp_server::port);
+        sendto(out, packet, size, 0, reinterpret_cast<sockaddr*>(&from), sizeof from);
+      }
+    return 0ul;
+  });
   return 0;
 }
 
@@ -399,9 +435,11 @@ int main(int argc, char** argv) {
       inet_pton(AF_INET, argv[5], &spoof) == 1)
     return mdns(finder.s_addr, std::stoul(argv[3]), std::stod(argv[4]), spoof.s_addr,
                 static_cast<unsigned>(std::stoul(argv[6])));
+  if (mode == "answer" && argc == 5) return answer(argv[2], argv[3], std::stod(argv[4]));
   std::fprintf(stderr,
                "usage: varnock-hostile morl FINDER RATE SECONDS [REQUESTS%%]\n"
                "       varnock-hostile mdns FINDER RATE SECONDS SPOOF-FIRST SPOOF-COUNT\n"
+               "       varnock-hostile answer NAME VERSION SECONDS\n"
                "Run it only inside a namespace of the simulated LAN (lab/lan.sh).\n");
   return 2;
 }

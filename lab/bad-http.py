@@ -1,9 +1,10 @@
 """A misbehaving HTTP host on port 80, for the hostile-LAN soak.
 
 argv[1] is how it answers every connection: "garbage" (1 KiB of random bytes),
-"close" (closes at once), "slow" (a valid head, one byte a second) or "never"
-(reads the request and stays silent); argv[2] is how many seconds it serves
-before it ends by itself. Prints "ready" once it listens.
+"close" (closes at once), "slow" (a valid head, one byte a second), "never"
+(reads the request and stays silent) or "body" (a JSON reply whose body is
+argv[3], byte for byte); argv[2] is how many seconds it serves before it ends
+by itself. Prints "ready" once it listens.
 """
 import os
 import socket
@@ -12,7 +13,9 @@ import threading
 import time
 
 mode, end = sys.argv[1], time.monotonic() + float(sys.argv[2])
-head = b"HTTP/1.1 200 OK\r\nContent-Type: application/json\r\nContent-Length: 40\r\n\r\n"
+body = os.fsencode(sys.argv[3]) if mode == "body" else b""
+head = b"HTTP/1.1 200 OK\r\nContent-Type: application/json\r\nContent-Length: %d\r\n\r\n"
+head %= len(body) if mode == "body" else 40
 
 
 def serve(c):
@@ -21,6 +24,8 @@ def serve(c):
             c.recv(4096)
             if mode == "garbage":
                 c.sendall(os.urandom(1024))
+            if mode == "body":
+                c.sendall(head + body)
             for b in head if mode == "slow" else b"":
                 if time.monotonic() > end:
                     break

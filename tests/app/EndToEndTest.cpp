@@ -1,6 +1,12 @@
 #include <gtest/gtest.h>
+#include <pty.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
+#include <iomanip>
 
 #include "VarnockOnLan.h"
 
@@ -20,6 +26,37 @@ const std::string kText =
     "      10.0.0.20:                        Http-20                 0.9\n"
     "     10.0.0.200:                        Odd-200               1.0.0\n"
     "       10.0.0.9:                         Dorn-9               1.0.0\n";
+
+/// varnock's standard output, run in the node this thread entered, written to a pseudo-terminal
+/// (line ends not translated) or a pipe.
+std::string output(bool terminal, Args args) {
+  int fd[2];  // read, write
+  if (terminal ? openpty(&fd[0], &fd[1], nullptr, nullptr, nullptr) != 0 : pipe(fd) != 0)
+    return "no pipe";
+  termios mode{};
+  if (terminal && tcgetattr(fd[1], &mode) == 0) {
+    mode.c_oflag &= ~OPOST;
+    tcsetattr(fd[1], TCSANOW, &mode);
+  }
+  args.insert(args.begin(), kBin + "/app/varnock");
+  std::vector<char*> argv;
+  for (std::string& a : args) argv.push_back(a.data());
+  argv.push_back(nullptr);
+  posix_spawn_file_actions_t files;
+  posix_spawn_file_actions_init(&files);
+  posix_spawn_file_actions_adddup2(&files, fd[1], 1);
+  posix_spawn_file_actions_addclose(&files, fd[0]);
+  pid_t pid = -1;
+  posix_spawn(&pid, argv[0], &files, nullptr, argv.data(), environ);
+  posix_spawn_file_actions_destroy(&files);
+  close(fd[1]);
+  std::string out;
+  char buffer[4096];
+  for (ssize_t n; (n = read(fd[0], buffer, sizeof buffer)) > 0;) out.append(buffer, n);
+  close(fd[0]);
+  if (pid > 0) waitpid(pid, nullptr, 0);
+  return out;
+}
 
 }  // namespace
 
@@ -104,5 +141,69 @@ TEST(VarnockLan, EachRunPrintsExactlyWhatItsMethodsFind) {
     if (run.defaultWaits) {
       EXPECT_TRUE(took.count() >= 5.0 && took.count() < 9.0) << took.count();
     }
+  }
+}
+
+// Hostile names and versions by MORL (.10 .11 .12) and by HTTP (.20, whose reply also carries a
+// CR): a terminal gets '?' for each byte that is no printable UTF-8, a pipe every byte as sent.
+TEST(VarnockLan, TerminalShowsUnprintableNetworkBytesAsQuestionMarksAndPipeGetsThemAsSent) {
+  VARNOCK_REQUIRE_LAN();
+  Lan lan({10, 11, 12, 20});
+  ASSERT_TRUE(lan.ok());
+  struct Device {
+    int host;
+    std::string name, version, shownName, shownVersion, jsonName, jsonVersion;
+  } const devices[] = {
+      {10, "\x1b]0;PWNED\x07\x1b[31m", "1.0", "?]0;PWNED??[31m", "1.0",
+       "\\u001b]0;PWNED\\u0007\\u001b[31m", "1.0"},
+      {11, "Küche", "\xc2\x9bH", "Küche", "??H", "K\\u00fcche", "\\u009bH"},
+      {12, "bad\xff\x7fok", "\xe2\x82", "bad??ok", "??", "bad\\ufffd\x7fok", "\\ufffd\\ufffd"},
+      {20, "Web\x1b[2J\xc2\x9b\xff", "\xf0\x9f\x98\x80", "Web?[2J???", "\xf0\x9f\x98\x80",
+       "Web\\u001b[2J\\u009b\\ufffd", "\\ud83d\\ude00"},
+  };
+  auto body = [](const std::string& cr, const std::string& name, const std::string& version) {
+    return "{\"data\":" + cr + "{\"name\":\"" + name + "\",\"version\":\"" + version +
+           "\",\"device_type\":\"x\"}}";
+  };
+  const Device& web = devices[3];
+  ASSERT_GT(startDevice(lan, "d20", {"--name", "Web", "--no-service", "--no-http"}), 0);
+  ASSERT_GT(lan.spawn("d20",
+                      {"python3", Lan::script("bad-http.py"), "body", "60",
+                       body("\r", web.name, web.version)},
+                      lan.scratchFile("http.log")),
+            0);
+  ASSERT_TRUE(Lan::waitForText(lan.scratchFile("http.log"), "ready\n"));
+  for (int i = 0; i < 3; ++i) {
+    const Device& d = devices[i];
+    const std::string log = lan.scratchFile("hostile" + std::to_string(i));
+    lan.spawn(Lan::device(d.host),
+              {kBin + "/lab/varnock-hostile", "answer", d.name, d.version, "60"}, log);
+    ASSERT_TRUE(Lan::waitForText(log, "ready\n"));
+  }
+  ASSERT_TRUE(lan.enter("finder"));
+  for (bool terminal : {true, false}) {
+    std::string log, text, json;
+    for (const Device& d : devices) {
+      const std::string ip = lan.ip(d.host);
+      const std::string& name = terminal ? d.shownName : d.name;
+      const std::string& version = terminal ? d.shownVersion : d.version;
+      log += "--- --- ---\nData from " + ip + (d.host == 20 ? "\n2 blocks\n" : "\n3 blocks\n");
+      std::ostringstream line;
+      line << std::setw(15) << ip << ": " << std::setw(30) << name << std::setw(20) << version;
+      text += line.str() + "\n";
+      json += std::string(json.empty() ? "" : ",\n") +
+              ::json(d.host == 20 ? "x" : "pallor_module", ip, d.jsonName, d.jsonVersion);
+    }
+    log += "Requesting 10.0.0.20/api/v1/info\nResponse 10.0.0.20/api/v1/info: 200, " +
+           (terminal ? body("?", web.shownName, web.shownVersion)
+                     : body("\r", web.name, web.version)) +
+           "\nResult:\n";
+    // The JSON writer escapes all but DEL.
+    if (terminal) std::replace(json.begin(), json.end(), '\x7f', '?');
+    EXPECT_EQ(sortedLog(output(terminal, {"-t", "-T", "1", "-v"})), sortedLog(log + text))
+        << terminal;
+    EXPECT_EQ(output(terminal, {"-t", "-T", "1", "-j"}),
+              "{\n\t\"devices\" : \n\t[\n" + json + "\n\t]\n}\n\n")
+        << terminal;
   }
 }

@@ -14,6 +14,7 @@
 #include "qm/LittleEndianInputDeserializer.h"
 #include "qm/LittleEndianOutputSerializer.h"
 #include "qm/MathFuncs.h"
+#include "qm/PrintableText.h"
 #include "tests/codec/Bytes.h"
 
 namespace {
@@ -44,6 +45,23 @@ TEST(Qm, ChecksumIsZlibsComplementAndIntegersGoLowByteFirst) {
   EXPECT_TRUE(w.addByteBlock(block, 0) && w.addByteBlock(block, 3));
   EXPECT_FALSE(w.addUint8(0) || w.addUint16(0));
   EXPECT_EQ(toHex(out), " 01 02 03 04 09 09 09 08 07 06 05 04 03 02 01");
+}
+
+// The edges of UTF-8 that a LAN run does not reach: overlong forms, surrogates, past U+10FFFF,
+// the last C1 control and the first printable after it, a lead byte cut short inside the text.
+TEST(Qm, PrintableTextPassesOnlyWellFormedPrintableUtf8) {
+  const std::pair<std::string, std::string> rows[] = {
+      {"\xc0\xaf\xc1\xbf", "????"},
+      {"\xe0\x9f\xbf\xe0\xa0\x80", "???\xe0\xa0\x80"},
+      {"\xed\x9f\xbf\xed\xa0\x80", "\xed\x9f\xbf???"},
+      {"\xf0\x8f\xbf\xbf\xf0\x90\x80\x80", "????\xf0\x90\x80\x80"},
+      {"\xf4\x8f\xbf\xbf\xf4\x90\x80\x80\xf5", "\xf4\x8f\xbf\xbf?????"},
+      {"\xc2\x9f\xc2\xa0\xc2", "??\xc2\xa0?"},
+      {"\xe2\x82x\x80\t\n~ ", "??x???~ "},
+      {std::string("\0\x1f\x7f", 3), "???"},
+  };
+  for (const auto& [text, shown] : rows) EXPECT_EQ(printableText(text), shown) << text;
+  EXPECT_EQ(printableText("\t\x1b\n", "\t\n"), "\t?\n");
 }
 
 /// `value` packs to exactly `wire` and into nothing shorter; `wire` (and what
