@@ -54,7 +54,9 @@ std::string output(bool terminal, Args args) {
   char buffer[4096];
   for (ssize_t n; (n = read(fd[0], buffer, sizeof buffer)) > 0;) out.append(buffer, n);
   close(fd[0]);
-  if (pid > 0) waitpid(pid, nullptr, 0);
+  int status = -1;
+  if (pid > 0) waitpid(pid, &status, 0);
+  EXPECT_EQ(status, 0) << args[1];
   return out;
 }
 
