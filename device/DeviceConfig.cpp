@@ -3,22 +3,13 @@
 #include <arpa/inet.h>
 
 #include <cstdio>
-#include <ostream>
-#include <random>
-#include <set>
-#include <stdexcept>
 
-#include <boost/program_options.hpp>
-
-#include "device/SiteFile.h"
 #include "morl/ControllerInfo.h"
-
-namespace po = boost::program_options;
+#include "qm/PrintableText.h"
 
 namespace {
 
 constexpr unsigned int kMaxDelayMs = 600000;
-const char* const kPointer = "Try 'varnock-device --help' for more information.\n";
 
 bool parseUuid(const std::string& text, unsigned char (&uuid)[12]) {
   if (text.size() != 24) return false;
@@ -67,10 +58,13 @@ std::string addService(DeviceConfig& config, const std::string& text) {
   return "";
 }
 
-std::string randomUuid(unsigned char (&uuid)[12]) {
-  static std::random_device random;
-  for (auto& b : uuid) b = static_cast<unsigned char>(random());
-  return "";
+/// "" for printable UTF-8 text, else what is wrong with it.
+std::string textProblem(const std::string& text) {
+  if (text.find('\0') != std::string::npos) return "holds a NUL byte";
+  if (printableText(text) == text) return "";
+  for (char c : text)
+    if (static_cast<unsigned char>(c) < 0x20 || c == 0x7F) return "holds a control character";
+  return "is not printable UTF-8";
 }
 
 }  // namespace
@@ -95,11 +89,29 @@ std::string addressText(unsigned int address) {
          std::to_string(address >> 8 & 0xFF) + "." + std::to_string(address & 0xFF);
 }
 
+std::string shown(const std::string& text, std::size_t width) {
+  std::string out;
+  size_t i = 0;
+  for (; i < text.size() && out.size() < width; ++i) {
+    const auto c = static_cast<unsigned char>(text[i]);
+    char hex[5];
+    std::snprintf(hex, sizeof hex, "\\x%02x", c);
+    out += c >= 0x20 && c < 0x7F ? std::string(1, static_cast<char>(c)) : hex;
+  }
+  if (i < text.size()) out += "... (" + std::to_string(text.size()) + " bytes)";
+  return out;
+}
+
 std::string setField(DeviceConfig& config, const std::string& field, const std::string& text) {
+  if (field == "name" || field == "software-version" || field == "http-content-type") {
+    const std::string problem = textProblem(text);
+    if (!problem.empty()) return problem;
+  }
   long number = 0;
   if (field == "address") {
     in_addr parsed{};
-    if (inet_pton(AF_INET, text.c_str(), &parsed) != 1) return "must be an IPv4 address";
+    if (text.find('\0') != std::string::npos || inet_pton(AF_INET, text.c_str(), &parsed) != 1)
+      return "must be an IPv4 address";
     config.address = ntohl(parsed.s_addr);
   } else if (field == "uuid" || field == "owner") {
     if (!parseUuid(text, field == "uuid" ? config.uuid : config.owner))
@@ -132,116 +144,4 @@ std::string setField(DeviceConfig& config, const std::string& field, const std::
     return "is not a field";
   }
   return "";
-}
-
-Startup configure(int argc, char** argv, std::ostream& out, std::ostream& err) {
-  po::options_description options(
-      "varnock-device: a simulated device that answers MORL requests on UDP port 4792,\n"
-      "serves GET /api/v1/info over HTTP and announces that service by mDNS. With --site,\n"
-      "one process is every device of a site file, each on its own address. Runs until\n"
-      "SIGINT or SIGTERM, then exits with status 0. Prints \"ready\" once every socket is\n"
-      "bound, \"whistle from UUID\" for each whistle request and \"tamed by UUID\" for each\n"
-      "tame request it accepts (UUIDs as 24 hex digits; a site's devices put \"ADDRESS: \"\n"
-      "first). Run it only inside a network namespace of the simulated LAN.\n\n"
-      "Options");
-  const char* const valueFields[] = {
-      "address",           "uuid",      "name",        "software-version", "owner",     "http-port",
-      "http-content-type", "http-body", "http-status", "http-delay",       "morl-delay"};
-  std::vector<std::string> services;
-  std::string site;
-  // clang-format off
-  options.add_options()
-    ("help,h", "print this help and exit")
-    ("version", "print the version and exit")
-    ("site", po::value<std::string>(&site),
-     "run every device of this JSON site file (see varnock-device(1)); no other device option")
-    ("address", po::value<std::string>(),
-     "IPv4 address of this host that the device binds (default: all; mDNS names the first)")
-    ("uuid", po::value<std::string>(), "device UUID, 24 hex digits (default: random)")
-    ("name", po::value<std::string>(), "device name, at most 30 characters (default: varnock-device)")
-    ("software-version", po::value<std::string>(),
-     "software version, at most 20 characters (default: 1.0.0)")
-    ("service", po::value<std::vector<std::string>>(&services),
-     "a supported service TYPE:VALUE (type 0-255, value 0-65535); repeat for up to 10, "
-     "announced in the given order (default: 2:1). Device type names: 0 extender_dorn, "
-     "1 extender_brask, 2 pallor_module, 3 extender_quin, 4 extender_fell, other uknown; "
-     "the info server reports the type of the last service")
-    ("no-service", "announce no service: the device type is empty")
-    ("owner", po::value<std::string>(), "owner UUID, 24 hex digits (default: all zero)")
-    ("no-unicast", "do not offer unicast replies (header flag 0x04 clear)")
-    ("refuse-tame", "refuse tame requests (default: accept; the requester becomes the owner)")
-    ("no-morl", "do not open the MORL socket (HTTP only)")
-    ("no-http", "do not open the HTTP info server (MORL only, and no mDNS)")
-    ("no-mdns", "do not announce the info server by mDNS nor answer mDNS queries")
-    ("http-port", po::value<std::string>(), "TCP port of the info server, 1-65535 (default: 80)")
-    ("http-content-type", po::value<std::string>(),
-     "Content-Type of the info reply (default: application/json)")
-    ("http-body", po::value<std::string>(), "reply body of GET /api/v1/info instead of the info JSON")
-    ("http-status", po::value<std::string>(),
-     "status of the reply to GET /api/v1/info, 100-999 (default: 200)")
-    ("http-delay", po::value<std::string>(),
-     "milliseconds to wait before each HTTP reply, 0-600000 (default: 0)")
-    ("morl-delay", po::value<std::string>(),
-     "milliseconds to wait before sending each MORL answer, 0-600000 (default: 0)");
-  // clang-format on
-  Startup startup;
-  po::variables_map vm;
-  // A site file's errors take one line; the command line's add where to look.
-  auto fail = [&](const std::string& message, bool pointer = true) {
-    err << "varnock-device: " << message << "\n" << (pointer ? kPointer : "");
-    startup.status = 2;
-    startup.devices.clear();
-    return startup;
-  };
-  try {
-    po::store(po::command_line_parser(argc, argv).options(options).run(), vm);
-    po::notify(vm);
-  } catch (const std::exception& e) {
-    err << "varnock-device: " << e.what() << "\n" << kPointer;
-    startup.status = 2;
-    return startup;
-  }
-  if (vm.count("help")) {
-    out << options << "\n";
-    startup.status = 0;
-    return startup;
-  }
-  if (vm.count("version")) {
-    out << "varnock-device " VARNOCK_VERSION "\n";
-    startup.status = 0;
-    return startup;
-  }
-  const std::set<std::string> runOptions{"help", "version", "site"};
-  if (vm.count("site")) {
-    for (const auto& [name, value] : vm)
-      if (!runOptions.count(name)) return fail("--site takes no other device option: --" + name);
-    std::string error = loadSite(site, startup.devices);
-    if (error.empty()) error = checkAddresses(site, startup.devices);
-    if (!error.empty()) return fail(error, false);
-    return startup;
-  }
-  DeviceConfig config;
-  randomUuid(config.uuid);
-  for (const char* field : valueFields) {
-    if (!vm.count(field)) continue;
-    const std::string text = vm[field].as<std::string>();
-    const std::string problem = setField(config, field, text);
-    if (!problem.empty()) return fail(std::string("--") + field + " " + problem + ": " + text);
-  }
-  if (vm.count("no-service") && !services.empty())
-    return fail("--no-service and --service exclude each other");
-  if (vm.count("no-service") || !services.empty()) config.services.clear();
-  for (const auto& text : services) {
-    const std::string problem = setField(config, "service", text);
-    if (!problem.empty()) return fail("--service " + problem + ": " + text);
-  }
-  config.unicast = vm.count("no-unicast") == 0;
-  config.acceptTame = vm.count("refuse-tame") == 0;
-  config.morl = vm.count("no-morl") == 0;
-  config.http = vm.count("no-http") == 0;
-  config.mdns = config.http && vm.count("no-mdns") == 0;
-  startup.devices.push_back(config);
-  const std::string error = checkAddresses("", startup.devices);
-  if (!error.empty()) return fail(error);
-  return startup;
 }

@@ -1,6 +1,6 @@
 #pragma once
 
-#include <iosfwd>
+#include <cstddef>
 #include <string>
 #include <vector>
 
@@ -42,19 +42,10 @@ std::string uuidText(const unsigned char (&uuid)[12]);
 /// Dotted text of a host-order IPv4 address.
 std::string addressText(unsigned int address);
 
+/// `text` fit for a one-line message: bytes other than printable ASCII as
+/// "\xHH", and past about `width` characters cut, with its length in bytes.
+std::string shown(const std::string& text, std::size_t width = 32);
+
 /// Sets one field from its text, named as the long option (for a repeatable
 /// "service", adds one). Returns "" or what is wrong, e.g. "must be 1-65535".
 std::string setField(DeviceConfig& config, const std::string& field, const std::string& text);
-
-/// Everything the command line asks for.
-struct Startup {
-  /// Exit at once with this status (help, version or an error), or -1: run.
-  int status = -1;
-  std::vector<DeviceConfig> devices;
-};
-
-/// Reads the command line and the site file, and checks that every device's
-/// address is on this host. Help goes to `out`; an error gives one line and a
-/// pointer to --help (a site file's error: one line naming file, device and
-/// field) on `err`, with status 2.
-Startup configure(int argc, char** argv, std::ostream& out, std::ostream& err);

@@ -8,7 +8,7 @@
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/signal_set.hpp>
 
-#include "device/DeviceConfig.h"
+#include "device/CommandLine.h"
 #include "device/InfoServer.h"
 #include "device/MdnsResponder.h"
 #include "device/MorlNode.h"

@@ -1,12 +1,13 @@
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <fstream>
 #include <sstream>
 
-#include "device/DeviceConfig.h"
+#include "device/CommandLine.h"
 #include "device/SiteFile.h"
 
 namespace {
@@ -42,10 +43,17 @@ Startup configureWith(Args args, const std::string& site, const std::string& pat
 
 std::string siteOf(const std::string& devices) { return R"({"devices": [)" + devices + "]}"; }
 
+std::string repeated(const std::string& text, size_t times) {
+  std::string out;
+  while (times-- > 0) out += text;
+  return out;
+}
+
 }  // namespace
 
-// Every rejected input: the exact message on standard error, status 2, and no
-// device to run. 127.0.0.1 is an address of every host, 192.0.2.1 of none.
+// Every rejected input: the exact message on standard error, one line for a
+// site file, status 2, and no device to run. 127.0.0.1 is an address of
+// every host, 192.0.2.1 of none.
 TEST(DeviceInput, EveryBadInputIsOneLineAndStatusTwo) {
   const std::string lo = R"({"address": "127.0.0.1")";
   // clang-format off
@@ -64,15 +72,31 @@ TEST(DeviceInput, EveryBadInputIsOneLineAndStatusTwo) {
       {{"--address", "10.0.0"}, "", "--address must be an IPv4 address: 10.0.0\n" + kHelp, 2},
       {{"--http-delay"}, "", "the required argument for option '--http-delay' is missing\n" + kHelp, 2},
       {{"--colour", "red"}, "", "unrecognised option '--colour'\n" + kHelp, 2},
+      {{"Pallor-Main"}, "", "unexpected argument 'Pallor-Main'\n" + kHelp, 2},
+      {{"--name", "A\x1b]0;X\x07"}, "", "--name holds a control character: A\\x1b]0;X\\x07\n" + kHelp, 2},
       {{"--site", "SITE", "--name", "A"}, siteOf(lo + "}"), "--site takes no other device option: --name\n" + kHelp, 2},
-      {{"--site", "SITE"}, "", "SITE: cannot be read\n", 2},
+      {{"--site", "SITE"}, "", "SITE: cannot be read: No such file or directory\n", 2},
+      {{"--site", "/proc/sys/vm/compact_memory"}, "", "/proc/sys/vm/compact_memory: cannot be read: Permission denied\n", 2},
+      {{"--site", "/"}, "", "/: cannot be read: Is a directory\n", 2},
+      {{"--site", "/dev/zero"}, "", "/dev/zero: is a character device, not a regular file\n", 2},
+      {{"--site", "SITE.fifo"}, "", "SITE.fifo: is a FIFO, not a regular file\n", 2},
+      {{"--site", "SITE"}, std::string(kMaxSiteBytes + 1, ' '), "SITE: is larger than 4194304 bytes, the most a site file may hold\n", 2},
+      {{"--site", "SITE"}, repeated("[", 1001) + repeated("]", 1001), "SITE: JSON values nest more than 16 levels deep\n", 2},
+      {{"--site", "SITE"}, siteOf(lo + "} // one\n"), "SITE: line 1, column 39: Comments are not JSON.\n", 2},
+      {{"--site", "SITE"}, siteOf(lo + "},"), "SITE: line 1, column 39: Syntax error: value, object or array expected.\n", 2},
+      {{"--site", "SITE"}, siteOf(lo + R"(, "http-port": 80.0})"), "SITE: devices[0] (127.0.0.1): http-port must be an integer\n", 2},
+      {{"--site", "SITE"}, siteOf(lo + R"(, "name": "A\u0000B"})"), "SITE: devices[0] (127.0.0.1): name holds a NUL byte: A\\x00B\n", 2},
+      {{"--site", "SITE"}, siteOf(lo + R"(, "name": "A\u001b[31m"})"), "SITE: devices[0] (127.0.0.1): name holds a control character: A\\x1b[31m\n", 2},
+      {{"--site", "SITE"}, siteOf(lo + R"(, "software-version": "1\u0085"})"), "SITE: devices[0] (127.0.0.1): software-version is not printable UTF-8: 1\\xc2\\x85\n", 2},
+      {{"--site", "SITE"}, siteOf(lo + ", \"name\": \"A\xff\xfe\"}"), "SITE: devices[0] (127.0.0.1): name is not printable UTF-8: A\\xff\\xfe\n", 2},
+      {{"--site", "SITE"}, siteOf(lo + R"(, "owner": ")" + std::string(50000, 'f') + "\"}"), "SITE: devices[0] (127.0.0.1): owner needs 24 hex digits: ffffffffffffffffffffffffffffffff... (50000 bytes)\n", 2},
+      {{"--site", "SITE"}, siteOf(lo + R"(}, {"address": "192.0.2.1"}, {"colour": 1})"), "SITE: devices[1] (192.0.2.1): address is not an address of this host\n", 2},
       {{"--site", "SITE"}, "{\"devices\": [}", "SITE: line 1, column 14: Syntax error: value, object or array expected.\n", 2},
       {{"--site", "SITE"}, "[]", "SITE: must hold a JSON object\n", 2},
       {{"--site", "SITE"}, R"({"devices": []})", "SITE: devices must be a non-empty array\n", 2},
       {{"--site", "SITE"}, R"({"devices": [], "colour": 1})", "SITE: colour is not a field\n", 2},
       {{"--site", "SITE"}, R"({"defaults": {"http-port": 0}, "devices": [{}]})", "SITE: defaults: http-port must be 1-65535: 0\n", 2},
       {{"--site", "SITE"}, siteOf(lo + R"(}, {"name": "B"})"), "SITE: devices[1]: address is missing\n", 2},
-      {{"--site", "SITE"}, siteOf(lo + R"(}, {"address": "192.0.2.1"})"), "SITE: devices[1] (192.0.2.1): address is not an address of this host\n", 2},
       {{"--site", "SITE"}, siteOf(lo + "}, " + lo + "}"), "SITE: devices[1] (127.0.0.1): address is that of devices[0] too\n", 2},
       {{"--site", "SITE"}, siteOf(R"({"http-delay": -5, "address": "127.0.0.1"})"), "SITE: devices[0] (127.0.0.1): http-delay must be 0-600000 (milliseconds): -5\n", 2},
       {{"--site", "SITE"}, siteOf(lo + R"(, "http-port": "80"})"), "SITE: devices[0] (127.0.0.1): http-port must be an integer\n", 2},
@@ -84,15 +108,17 @@ TEST(DeviceInput, EveryBadInputIsOneLineAndStatusTwo) {
   };
   // clang-format on
   const std::string path = testing::TempDir() + "site-" + std::to_string(getpid()) + ".json";
+  ASSERT_EQ(mkfifo((path + ".fifo").c_str(), 0600), 0);
   for (const Row& row : rows) {
     std::string out, err;
     const Startup startup = configureWith(row.args, row.site, path, out, err);
-    const std::string context = row.args.back() + " " + row.site;
+    const std::string context = row.args.back() + " " + row.site.substr(0, 100);
     EXPECT_EQ(err, replaced("varnock-device: " + row.err, path)) << context;
     EXPECT_EQ(startup.status, row.status) << context;
     EXPECT_EQ(out, "") << context;
     EXPECT_TRUE(startup.devices.empty()) << context;
   }
+  std::remove((path + ".fifo").c_str());
 }
 
 // A site file's fields and defaults reach each device; a device without HTTP
@@ -102,10 +128,8 @@ TEST(DeviceInput, SiteFileAndDefaultsGiveEachDeviceItsFields) {
     "devices": [{"address": "127.0.0.1", "uuid": "0102030405060708090a0b0c", "name": "A",
                  "services": ["0:7", "4:1"], "http-port": 8080, "http-delay": 5},
                 {"address": "10.0.0.2", "services": [], "http": false, "morl": true}]})";
-  const std::string path = testing::TempDir() + "good.json";
-  std::ofstream(path) << site;
   std::vector<DeviceConfig> devices;
-  ASSERT_EQ(loadSite(path, devices), "");
+  ASSERT_EQ(parseSite("good.json", site, {0x7F000001, 0x0A000002}, 1, devices), "");
   ASSERT_EQ(devices.size(), 2u);
   const DeviceConfig &a = devices[0], &b = devices[1];
   EXPECT_EQ(std::vector<std::string>({addressText(a.address), uuidText(a.uuid), a.name,
