@@ -10,6 +10,7 @@
 #include <boost/beast/core.hpp>
 #include <boost/beast/http.hpp>
 
+#include "device/NamedBind.h"
 #include "http/HostnameGetter.h"
 
 namespace beast = boost::beast;
@@ -102,7 +103,7 @@ InfoServer::InfoServer(boost::asio::io_context& context, const DeviceConfig& con
                                        config.httpPort);
   acceptor.open(local.protocol());
   acceptor.set_option(boost::asio::socket_base::reuse_address(true));
-  acceptor.bind(local);
+  bindNamed(acceptor, local);
   acceptor.listen();
 }
 

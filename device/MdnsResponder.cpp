@@ -17,6 +17,8 @@
 #include <boost/asio/buffer.hpp>
 #include <boost/asio/ip/multicast.hpp>
 
+#include "device/NamedBind.h"
+
 namespace asio = boost::asio;
 using asio::ip::udp;
 
@@ -61,7 +63,7 @@ MdnsResponder::MdnsResponder(asio::io_context& context,
   group.set_option(asio::socket_base::reuse_address(true));
   setOption(group.native_handle(), SOL_SOCKET, SO_REUSEPORT, 1);
   setOption(group.native_handle(), IPPROTO_IP, IP_PKTINFO, 1);
-  group.bind(groupEndpoint());
+  bindNamed(group, groupEndpoint());
   std::set<unsigned int> joined;
   for (const DeviceConfig* config : configs) {
     auto device = std::make_unique<Device>(context);
@@ -98,7 +100,7 @@ MdnsResponder::MdnsResponder(asio::io_context& context,
     setOption(socket.native_handle(), SOL_SOCKET, SO_REUSEPORT, 1);
     setOption(socket.native_handle(), IPPROTO_IP, IP_MULTICAST_TTL, 255);
     socket.set_option(asio::ip::multicast::outbound_interface(asio::ip::address_v4(address)));
-    socket.bind({asio::ip::address_v4(address), kMdnsPort});
+    bindNamed(socket, {asio::ip::address_v4(address), kMdnsPort});
     devices.push_back(std::move(device));
   }
 }

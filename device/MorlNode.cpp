@@ -6,6 +6,7 @@
 #include <boost/asio/buffer.hpp>
 #include <boost/asio/steady_timer.hpp>
 
+#include "device/NamedBind.h"
 #include "morl/udp_server.h"
 
 namespace {
@@ -17,7 +18,7 @@ boost::asio::ip::udp::socket bound(boost::asio::io_context& context, unsigned in
   boost::asio::ip::udp::socket socket(context, boost::asio::ip::udp::v4());
   socket.set_option(boost::asio::socket_base::reuse_address(reuse));
   socket.set_option(boost::asio::socket_base::broadcast(true));
-  socket.bind({boost::asio::ip::address_v4(address), morlPort});
+  bindNamed(socket, {boost::asio::ip::address_v4(address), morlPort});
   return socket;
 }
 

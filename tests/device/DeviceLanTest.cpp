@@ -92,7 +92,8 @@ TEST(DeviceLan, IndependentMdnsClientsResolveTheDevice) {
 
 // Three devices of one site file in one process, on three addresses of one
 // node, and one more process on a fourth: each is found by the methods it
-// runs, from its own address, with its own fields.
+// runs, from its own address, with its own fields; a device on a taken
+// address names the socket it could not bind.
 TEST(DeviceLan, SiteDevicesAnswerEachFromItsOwnAddress) {
   VARNOCK_REQUIRE_LAN();
   Lan lan({2});
@@ -126,6 +127,10 @@ J
     const Lan::Result r = varnock(lan, args);
     EXPECT_EQ(r.out + r.err, out) << args[0];
   }
+  const Lan::Result taken =
+      lan.run("d2", {kBin + "/device/varnock-device", "--address", "10.0.0.5"});
+  EXPECT_EQ(std::to_string(taken.status) + " " + taken.err,
+            "1 varnock-device: bind 10.0.0.5:80/tcp: Address already in use\n");
   EXPECT_EQ(lan.stop(sitePid), 0);
   EXPECT_EQ(lan.stop(one), 0);
   EXPECT_EQ(Lan::readText(lan.scratchFile("site")), "ready\n");
