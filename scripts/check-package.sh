@@ -5,8 +5,8 @@
 # overridden with a reason; unpacked into a temporary root it holds exactly
 # the expected files, both programs run from there, both man pages render
 # without a warning and list exactly the options of the help text, and the
-# bash completion offers exactly those options and nothing after an option
-# that takes a value.
+# bash completion offers exactly those options, file names after --site and
+# nothing after any other option that takes a value.
 #   scripts/check-package.sh [build-dir]      (default: build-deb)
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
@@ -140,9 +140,13 @@ for program in varnock varnock-device; do
     "$tmp/usr/share/bash-completion/completions/$program" "$program")
   check "$program completion falls back to no file names" "" "$(grep -oE -- '-o [a-z]+' <<<"$spec" || true)"
   for option in $(help_options "$program" arg); do
+    [ "$program $option" != "varnock-device --site" ] || continue
     check "$program $option <Tab>" "" "$(complete_line "$program" "$program" "$option" "")"
   done
 done
+mkdir "$tmp/names" && touch "$tmp/names/site.json" "$tmp/names/site.txt" "$tmp/names/other.json"
+check "varnock-device --site si<Tab>" "site.json site.txt" \
+  "$(cd "$tmp/names" && complete_line varnock-device varnock-device --site si)"
 check "varnock --mdns-wait=<Tab>" "" "$(complete_line varnock varnock --mdns-wait =)"
 check "varnock --mdns-wait=1<Tab>" "" "$(complete_line varnock varnock --mdns-wait = 1)"
 
