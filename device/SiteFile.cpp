@@ -220,7 +220,13 @@ std::set<unsigned int> hostAddresses() {
 std::string parseSite(const std::string& path, std::string_view text,
                       const std::set<unsigned int>& host, std::uint64_t seed,
                       std::vector<DeviceConfig>& devices) {
-  const std::string error = parseDevices(shown(path, 64), text, host, seed, devices);
+  std::string error;
+  try {
+    error = parseDevices(shown(path, 64), text, host, seed, devices);
+  } catch (const Json::Exception& e) {
+    // The types are checked before each use: a guard, not a path.
+    error = shown(path, 64) + ": " + shown(e.what(), 100);
+  }
   if (!error.empty()) devices.clear();
   return error;
 }
