@@ -92,11 +92,13 @@ std::string addressText(unsigned int address) {
 std::string shown(const std::string& text, std::size_t width) {
   std::string out;
   size_t i = 0;
-  for (; i < text.size() && out.size() < width; ++i) {
+  for (; i < text.size(); ++i) {
     const auto c = static_cast<unsigned char>(text[i]);
     char hex[5];
     std::snprintf(hex, sizeof hex, "\\x%02x", c);
-    out += c >= 0x20 && c < 0x7F ? std::string(1, static_cast<char>(c)) : hex;
+    const std::string piece = c >= 0x20 && c < 0x7F ? std::string(1, static_cast<char>(c)) : hex;
+    if (out.size() + piece.size() > width) break;
+    out += piece;
   }
   if (i < text.size()) out += "... (" + std::to_string(text.size()) + " bytes)";
   return out;

@@ -43,7 +43,7 @@ std::string uuidText(const unsigned char (&uuid)[12]);
 std::string addressText(unsigned int address);
 
 /// `text` fit for a one-line message: bytes other than printable ASCII as
-/// "\xHH", and past about `width` characters cut, with its length in bytes.
+/// "\xHH", cut to at most `width` characters (then followed by its length in bytes).
 std::string shown(const std::string& text, std::size_t width = 32);
 
 /// Sets one field from its text, named as the long option (for a repeatable

@@ -20,6 +20,9 @@ namespace {
 
 /// JSON values nest this deep at most; a site file needs five.
 constexpr int kMaxDepth = 16;
+/// What a message shows of the path and of jsoncpp's text, so that the line
+/// stays within about 200 characters.
+constexpr std::size_t kPathWidth = 48, kTextWidth = 80;
 
 const std::set<std::string> kStringFields{
     "address", "uuid", "owner", "name", "software-version", "http-body", "http-content-type"};
@@ -43,7 +46,8 @@ std::string oneLine(const std::string& messages) {
   const size_t column = position.find("Column");
   if (column != std::string::npos) position[column] = 'c';
   return position + ": " +
-         shown(message.substr(std::min(message.find_first_not_of(' '), message.size())), 100);
+         shown(message.substr(std::min(message.find_first_not_of(' '), message.size())),
+               kTextWidth);
 }
 
 // Applies the members of one device object (or of "defaults"); the address
@@ -222,10 +226,10 @@ std::string parseSite(const std::string& path, std::string_view text,
                       std::vector<DeviceConfig>& devices) {
   std::string error;
   try {
-    error = parseDevices(shown(path, 64), text, host, seed, devices);
+    error = parseDevices(shown(path, kPathWidth), text, host, seed, devices);
   } catch (const Json::Exception& e) {
     // The types are checked before each use: a guard, not a path.
-    error = shown(path, 64) + ": " + shown(e.what(), 100);
+    error = shown(path, kPathWidth) + ": " + shown(e.what(), kTextWidth);
   }
   if (!error.empty()) devices.clear();
   return error;
@@ -234,11 +238,11 @@ std::string parseSite(const std::string& path, std::string_view text,
 std::string loadSite(const std::string& path, std::vector<DeviceConfig>& devices) {
   // Non-blocking, so that opening a FIFO does not wait for a writer.
   const int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-  if (fd < 0) return shown(path, 64) + ": cannot be read: " + std::strerror(errno);
+  if (fd < 0) return shown(path, kPathWidth) + ": cannot be read: " + std::strerror(errno);
   std::string text;
   const std::string error = readSite(fd, text);
   close(fd);
-  if (!error.empty()) return shown(path, 64) + ": " + error;
+  if (!error.empty()) return shown(path, kPathWidth) + ": " + error;
   std::random_device random;
   return parseSite(path, text, hostAddresses(), std::uint64_t{random()} << 32 | random(), devices);
 }
