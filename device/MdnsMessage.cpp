@@ -9,19 +9,23 @@ constexpr std::uint16_t kTypeA = 1, kTypePtr = 12, kTypeTxt = 16, kTypeSrv = 33,
 constexpr std::uint16_t kClassIn = 1, kClassAny = 255, kTopBit = 0x8000;
 constexpr std::uint32_t kHostTtl = 120, kServiceTtl = 4500, kLegacyTtl = 10;
 
-const DnsName kService{"_http", "_tcp", "local"};
+const DnsName kService{"_http", "_tcp", "local"}, kLocal{"local"};
 
 std::uint16_t read16(const std::uint8_t* p) { return static_cast<std::uint16_t>(p[0] << 8 | p[1]); }
 
-bool sameName(const DnsName& a, const DnsName& b) {
-  return a.size() == b.size() &&
-         std::equal(a.begin(), a.end(), b.begin(), [](const std::string& x, const std::string& y) {
-           return x.size() == y.size() &&
-                  std::equal(x.begin(), x.end(), y.begin(), [](char c, char d) {
-                    auto lower = [](char v) { return v >= 'A' && v <= 'Z' ? char(v + 32) : v; };
-                    return lower(c) == lower(d);
-                  });
+bool sameLabel(const std::string& x, const std::string& y) {
+  return x.size() == y.size() && std::equal(x.begin(), x.end(), y.begin(), [](char c, char d) {
+           auto lower = [](char v) { return v >= 'A' && v <= 'Z' ? char(v + 32) : v; };
+           return lower(c) == lower(d);
          });
+}
+
+/// Whether `name` is `first` (when given) followed by `rest`, ignoring case;
+/// compared in place, as a flood of queries makes this the hot path.
+bool sameName(const DnsName& name, const DnsName& rest, const std::string* first = nullptr) {
+  const std::size_t skip = first ? 1 : 0;
+  return name.size() == rest.size() + skip && (!first || sameLabel(name[0], *first)) &&
+         std::equal(rest.begin(), rest.end(), name.begin() + skip, sameLabel);
 }
 
 // Reads the name at *offset; on success *offset is past it (past its first
@@ -181,7 +185,6 @@ bool asksSharedRecords(const MdnsQuery& query) {
 }
 
 MdnsRecords mdnsAnswerTo(const MdnsIdentity& identity, const MdnsQuery& query) {
-  const DnsName instance = instanceName(identity), host{identity.host, "local"};
   MdnsRecords records;
   for (const MdnsQuestion& q : query.questions) {
     if (q.qclass != kClassIn && q.qclass != kClassAny) continue;
@@ -190,12 +193,13 @@ MdnsRecords mdnsAnswerTo(const MdnsIdentity& identity, const MdnsQuery& query) {
       records.answers |= kMdnsPtr;
       records.additionals |= kMdnsSrv | kMdnsTxt | kMdnsA;
     }
-    if (sameName(q.name, instance)) {
+    if (sameName(q.name, kService, &identity.instance)) {
       if (any || q.type == kTypeSrv) records.answers |= kMdnsSrv;
       if (any || q.type == kTypeTxt) records.answers |= kMdnsTxt;
       records.additionals |= kMdnsA;
     }
-    if (sameName(q.name, host) && (any || q.type == kTypeA)) records.answers |= kMdnsA;
+    if (sameName(q.name, kLocal, &identity.host) && (any || q.type == kTypeA))
+      records.answers |= kMdnsA;
   }
   if (!records.answers) return {};
   records.additionals &= ~records.answers;

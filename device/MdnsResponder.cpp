@@ -45,10 +45,11 @@ void setOption(int fd, int level, int name, int value) {
 }
 
 // A record is multicast on an interface at most once a second (RFC 6762,
-// section 6); a source gets unicast replies to kBurst queries at once, then to
-// kPerSecond a second, which a querier that asks once a run never reaches.
+// section 6). A source gets unicast replies to kBurst queries at once, then to
+// kPerSecond a second, one-shot queries and the others each on their own
+// budget: varnock asks once a run, so it never runs out.
 constexpr auto kMulticastGap = std::chrono::seconds(1);
-constexpr double kBurst = 10, kPerSecond = 5;
+constexpr double kBurst = 8, kPerSecond = 2;
 constexpr std::size_t kMaxSources = 4096;
 
 /// Interface index, address and mask (host order) of every IPv4 address of the host.
@@ -166,19 +167,21 @@ void MdnsResponder::announce(bool goodbye) {
 void MdnsResponder::receiveGroup() {
   group.async_wait(udp::socket::wait_read, [this](const boost::system::error_code& error) {
     if (error) return;
-    std::uint8_t buffer[9000];
-    sockaddr_in from{};
-    char control[CMSG_SPACE(sizeof(in_pktinfo))];
-    iovec part{buffer, sizeof buffer};
-    msghdr header{};
-    header.msg_name = &from;
-    header.msg_namelen = sizeof from;
-    header.msg_iov = &part;
-    header.msg_iovlen = 1;
-    header.msg_control = control;
-    header.msg_controllen = sizeof control;
-    const ssize_t size = recvmsg(group.native_handle(), &header, MSG_DONTWAIT);
-    if (size > 0) {
+    // Up to 64 datagrams a wake-up: under a flood, one each costs more than reading them.
+    for (int i = 0; i < 64; ++i) {
+      std::uint8_t buffer[9000];
+      sockaddr_in from{};
+      char control[CMSG_SPACE(sizeof(in_pktinfo))];
+      iovec part{buffer, sizeof buffer};
+      msghdr header{};
+      header.msg_name = &from;
+      header.msg_namelen = sizeof from;
+      header.msg_iov = &part;
+      header.msg_iovlen = 1;
+      header.msg_control = control;
+      header.msg_controllen = sizeof control;
+      const ssize_t size = recvmsg(group.native_handle(), &header, MSG_DONTWAIT);
+      if (size < 0) break;
       unsigned int ifindex = 0;
       for (cmsghdr* c = CMSG_FIRSTHDR(&header); c != nullptr; c = CMSG_NXTHDR(&header, c))
         if (c->cmsg_level == IPPROTO_IP && c->cmsg_type == IP_PKTINFO)
@@ -208,26 +211,30 @@ void MdnsResponder::receiveDirect(Device& device) {
 
 void MdnsResponder::answer(const MdnsQuery& query, const udp::endpoint& from, unsigned int ifindex,
                            Device* direct) {
-  bool unicast = direct || from.port() != kMdnsPort;
+  const bool legacy = from.port() != kMdnsPort;
+  bool unicast = legacy || direct;
   for (const MdnsQuestion& q : query.questions) unicast = unicast || q.unicastResponse;
+  const std::uint32_t source = from.address().to_v4().to_uint();
+  // A unicast reply only to a source on the link (RFC 6762, section 11), so
+  // that no host elsewhere can aim the devices' replies at a third party.
+  if (unicast && !onLink(ifindex, source)) return;
   const bool shared = asksSharedRecords(query);
-  bool allowed = false;  // to reply by unicast, once decided for the first device that answers
+  bool budgeted = false;  // whether a unicast reply was paid for, once a device answers
   for (auto& device : devices) {
     if (direct ? device.get() != direct : device->ifindex != ifindex) continue;
     const MdnsRecords records = mdnsAnswerTo(device->identity, query);
     if (!records.answers) continue;
-    if (!unicast) {
+    if (unicast && !budgeted) {
+      budgeted = true;
+      // Past its budget, a querier on port 5353 hears the answer by multicast;
+      // a one-shot querier, which does not, hears nothing.
+      unicast = takeUnicastToken(source, legacy);
+      if (!unicast && legacy) return;
+    }
+    if (unicast)
+      reply(*device, query, records, from);
+    else
       multicast(*device, records, shared);
-      continue;
-    }
-    // A unicast reply only to a source on the link (RFC 6762, section 11), so
-    // that no host elsewhere can aim the devices' replies at a third party.
-    if (!allowed) {
-      const std::uint32_t source = from.address().to_v4().to_uint();
-      if (!onLink(ifindex, source) || !takeUnicastToken(source)) return;
-      allowed = true;
-    }
-    reply(*device, query, records, from);
   }
 }
 
@@ -296,19 +303,20 @@ bool MdnsResponder::onLink(unsigned int ifindex, std::uint32_t source) {
   return false;
 }
 
-bool MdnsResponder::takeUnicastToken(std::uint32_t source) {
+bool MdnsResponder::takeUnicastToken(std::uint32_t source, bool legacy) {
   const Clock::time_point now = Clock::now();
   auto refilled = [&](const Budget& b) {
     return std::min(kBurst,
                     b.tokens + std::chrono::duration<double>(now - b.at).count() * kPerSecond);
   };
-  auto found = budgets.find(source);
+  const std::uint64_t key = std::uint64_t{source} << 1 | legacy;
+  auto found = budgets.find(key);
   if (found == budgets.end()) {
     if (budgets.size() >= kMaxSources)
       for (auto it = budgets.begin(); it != budgets.end();)
         it = refilled(it->second) >= kBurst ? budgets.erase(it) : std::next(it);
     if (budgets.size() >= kMaxSources) return false;
-    found = budgets.emplace(source, Budget{kBurst, now}).first;
+    found = budgets.emplace(key, Budget{kBurst, now}).first;
   }
   Budget& budget = found->second;
   budget.tokens = refilled(budget);

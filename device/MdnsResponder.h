@@ -24,8 +24,8 @@
 /// the querier's own port, with its ID and questions, when it asked from a
 /// port other than 5353. A device multicasts each record at most once a second;
 /// unicast replies go only to sources on the link the query came in on, and to
-/// each source for at most a few queries a second. Single-threaded, like the
-/// context.
+/// each source for at most a few queries a second (past that, by multicast when
+/// it asked from port 5353). Single-threaded, like the context.
 class MdnsResponder {
  public:
   /// Binds every socket; throws std::exception when one cannot be opened.
@@ -39,7 +39,7 @@ class MdnsResponder {
  private:
   using Clock = std::chrono::steady_clock;
   struct Device;
-  /// Tokens of unicast replies to one source address.
+  /// The unicast replies left to a source, as of `at`.
   struct Budget {
     double tokens = 0;
     Clock::time_point at;
@@ -56,7 +56,8 @@ class MdnsResponder {
   /// Multicasts what is queued, less the records multicast in the last second.
   void flush(Device& device);
   bool onLink(unsigned int ifindex, std::uint32_t source);
-  bool takeUnicastToken(std::uint32_t source);
+  /// Spends one of the source's unicast replies (one-shot queries on a budget of their own).
+  bool takeUnicastToken(std::uint32_t source, bool legacy);
   void announce(bool goodbye);
 
   boost::asio::ip::udp::socket group;
@@ -66,5 +67,5 @@ class MdnsResponder {
   /// source matches none (at most once a second).
   std::map<unsigned int, std::vector<std::pair<std::uint32_t, std::uint32_t>>> subnets;
   Clock::time_point subnetsRead;
-  std::unordered_map<std::uint32_t, Budget> budgets;
+  std::unordered_map<std::uint64_t, Budget> budgets;
 };
