@@ -6,8 +6,9 @@
 # ten one-shot from 10.99.0.2, a second address of a third host that is off the
 # devices' subnet, as if behind a router. A second into each flood, varnock,
 # avahi-browse and python3-zeroconf browse from the finder, one after another.
-# A line a flood: queries sent, queries that reached the devices' node and that
-# its socket buffers dropped, answers a second by multicast and by unicast, UDP
+# A line a flood: queries sent, packets that reached the devices' node,
+# datagrams its full socket buffers dropped (the looped-back copies of its own
+# multicast answers among them), answers a second by multicast and by unicast, UDP
 # payload bytes out over bytes in, answers that reached the off-link address,
 # the process's CPU share during the flood and its RSS before and after (KiB),
 # and how many of the devices each client listed. Counters are the kernel's, in
@@ -116,4 +117,3 @@ for size in $sizes; do
   done
   lan_down "$lan"
 done
-echo "of $(echo "$sizes" | tr ' ' '/') devices each; 'in' counts every packet that reached the devices' node"
