@@ -312,9 +312,12 @@ bool MdnsResponder::takeUnicastToken(std::uint32_t source, bool legacy) {
   const std::uint64_t key = std::uint64_t{source} << 1 | legacy;
   auto found = budgets.find(key);
   if (found == budgets.end()) {
-    if (budgets.size() >= kMaxSources)
+    // Idle sources make room, looked for at most once a second.
+    if (budgets.size() >= kMaxSources && now - budgetsSwept >= std::chrono::seconds(1)) {
+      budgetsSwept = now;
       for (auto it = budgets.begin(); it != budgets.end();)
         it = refilled(it->second) >= kBurst ? budgets.erase(it) : std::next(it);
+    }
     if (budgets.size() >= kMaxSources) return false;
     found = budgets.emplace(key, Budget{kBurst, now}).first;
   }

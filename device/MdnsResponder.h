@@ -68,4 +68,5 @@ class MdnsResponder {
   std::map<unsigned int, std::vector<std::pair<std::uint32_t, std::uint32_t>>> subnets;
   Clock::time_point subnetsRead;
   std::unordered_map<std::uint64_t, Budget> budgets;
+  Clock::time_point budgetsSwept;
 };
