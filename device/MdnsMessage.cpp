@@ -1,6 +1,7 @@
 #include "device/MdnsMessage.h"
 
 #include <algorithm>
+#include <bitset>
 
 namespace {
 
@@ -8,19 +9,23 @@ constexpr std::uint16_t kTypeA = 1, kTypePtr = 12, kTypeTxt = 16, kTypeSrv = 33,
 constexpr std::uint16_t kClassIn = 1, kClassAny = 255, kTopBit = 0x8000;
 constexpr std::uint32_t kHostTtl = 120, kServiceTtl = 4500, kLegacyTtl = 10;
 
-const DnsName kService{"_http", "_tcp", "local"};
+const DnsName kService{"_http", "_tcp", "local"}, kLocal{"local"};
 
 std::uint16_t read16(const std::uint8_t* p) { return static_cast<std::uint16_t>(p[0] << 8 | p[1]); }
 
-bool sameName(const DnsName& a, const DnsName& b) {
-  return a.size() == b.size() &&
-         std::equal(a.begin(), a.end(), b.begin(), [](const std::string& x, const std::string& y) {
-           return x.size() == y.size() &&
-                  std::equal(x.begin(), x.end(), y.begin(), [](char c, char d) {
-                    auto lower = [](char v) { return v >= 'A' && v <= 'Z' ? char(v + 32) : v; };
-                    return lower(c) == lower(d);
-                  });
+bool sameLabel(const std::string& x, const std::string& y) {
+  return x.size() == y.size() && std::equal(x.begin(), x.end(), y.begin(), [](char c, char d) {
+           auto lower = [](char v) { return v >= 'A' && v <= 'Z' ? char(v + 32) : v; };
+           return lower(c) == lower(d);
          });
+}
+
+/// Whether `name` is `first` (when given) followed by `rest`, ignoring case;
+/// compared in place, as a flood of queries makes this the hot path.
+bool sameName(const DnsName& name, const DnsName& rest, const std::string* first = nullptr) {
+  const std::size_t skip = first ? 1 : 0;
+  return name.size() == rest.size() + skip && (!first || sameLabel(name[0], *first)) &&
+         std::equal(rest.begin(), rest.end(), name.begin() + skip, sameLabel);
 }
 
 // Reads the name at *offset; on success *offset is past it (past its first
@@ -83,15 +88,13 @@ class Writer {
   std::vector<std::uint8_t> bytes;
 };
 
-enum Record { Ptr, Srv, Txt, A };
-
 DnsName instanceName(const MdnsIdentity& identity) {
   DnsName name{identity.instance};
   name.insert(name.end(), kService.begin(), kService.end());
   return name;
 }
 
-void writeRecord(Writer& out, const MdnsIdentity& identity, Record record, bool legacy,
+void writeRecord(Writer& out, const MdnsIdentity& identity, unsigned record, bool legacy,
                  bool goodbye) {
   const DnsName instance = instanceName(identity), host{identity.host, "local"};
   const std::uint16_t flush = legacy ? 0 : kTopBit;
@@ -107,23 +110,23 @@ void writeRecord(Writer& out, const MdnsIdentity& identity, Record record, bool 
   };
   std::size_t start = 0;
   switch (record) {
-    case Ptr:
+    case kMdnsPtr:
       start = head(kService, kTypePtr, kClassIn, kServiceTtl);  // shared: never flushed
       out.name(instance);
       break;
-    case Srv:
+    case kMdnsSrv:
       start = head(instance, kTypeSrv, kClassIn | flush, kHostTtl);
       out.u16(0);
       out.u16(0);
       out.u16(identity.port);
       out.name(host);
       break;
-    case Txt:
+    case kMdnsTxt:
       start = head(instance, kTypeTxt, kClassIn | flush, kServiceTtl);
       for (const std::string& entry : identity.txt) out.text(entry.substr(0, 255));
       if (identity.txt.empty()) out.text("");
       break;
-    case A:
+    case kMdnsA:
       start = head(host, kTypeA, kClassIn | flush, kHostTtl);
       out.u32(identity.address);
       break;
@@ -131,25 +134,26 @@ void writeRecord(Writer& out, const MdnsIdentity& identity, Record record, bool 
   out.done(start);
 }
 
+std::size_t count(unsigned records) { return std::bitset<4>(records).count(); }
+
 std::vector<std::uint8_t> message(const MdnsIdentity& identity, std::uint16_t id,
-                                  const std::vector<MdnsQuestion>& questions,
-                                  const std::vector<Record>& answers,
-                                  const std::vector<Record>& additionals, bool legacy,
-                                  bool goodbye) {
+                                  const std::vector<MdnsQuestion>& questions, MdnsRecords records,
+                                  bool legacy, bool goodbye) {
   Writer out;
   out.u16(id);
   out.u16(0x8400);  // response, authoritative
   out.u16(static_cast<std::uint16_t>(questions.size()));
-  out.u16(static_cast<std::uint16_t>(answers.size()));
+  out.u16(static_cast<std::uint16_t>(count(records.answers)));
   out.u16(0);
-  out.u16(static_cast<std::uint16_t>(additionals.size()));
+  out.u16(static_cast<std::uint16_t>(count(records.additionals)));
   for (const MdnsQuestion& q : questions) {
     out.name(q.name);
     out.u16(q.type);
     out.u16(q.qclass);
   }
-  for (Record r : answers) writeRecord(out, identity, r, legacy, goodbye);
-  for (Record r : additionals) writeRecord(out, identity, r, legacy, goodbye);
+  for (unsigned section : {records.answers, records.additionals})
+    for (unsigned r : {kMdnsPtr, kMdnsSrv, kMdnsTxt, kMdnsA})
+      if (section & r) writeRecord(out, identity, r, legacy, goodbye);
   return out.bytes;
 }
 
@@ -180,38 +184,38 @@ bool asksSharedRecords(const MdnsQuery& query) {
   return false;
 }
 
-std::vector<std::uint8_t> encodeMdnsAnswer(const MdnsIdentity& identity, const MdnsQuery& query,
-                                           bool legacy) {
-  const DnsName instance = instanceName(identity), host{identity.host, "local"};
-  std::vector<Record> answers, additionals;
-  auto add = [](std::vector<Record>& list, Record r) {
-    if (std::find(list.begin(), list.end(), r) == list.end()) list.push_back(r);
-  };
+MdnsRecords mdnsAnswerTo(const MdnsIdentity& identity, const MdnsQuery& query) {
+  MdnsRecords records;
   for (const MdnsQuestion& q : query.questions) {
     if (q.qclass != kClassIn && q.qclass != kClassAny) continue;
     const bool any = q.type == kTypeAny;
     if (sameName(q.name, kService) && (any || q.type == kTypePtr)) {
-      add(answers, Ptr);
-      for (Record r : {Srv, Txt, A}) add(additionals, r);
+      records.answers |= kMdnsPtr;
+      records.additionals |= kMdnsSrv | kMdnsTxt | kMdnsA;
     }
-    if (sameName(q.name, instance)) {
-      if (any || q.type == kTypeSrv) add(answers, Srv);
-      if (any || q.type == kTypeTxt) add(answers, Txt);
-      add(additionals, A);
+    if (sameName(q.name, kService, &identity.instance)) {
+      if (any || q.type == kTypeSrv) records.answers |= kMdnsSrv;
+      if (any || q.type == kTypeTxt) records.answers |= kMdnsTxt;
+      records.additionals |= kMdnsA;
     }
-    if (sameName(q.name, host) && (any || q.type == kTypeA)) add(answers, A);
+    if (sameName(q.name, kLocal, &identity.host) && (any || q.type == kTypeA))
+      records.answers |= kMdnsA;
   }
-  if (answers.empty()) return {};
-  additionals.erase(
-      std::remove_if(
-          additionals.begin(), additionals.end(),
-          [&](Record r) { return std::find(answers.begin(), answers.end(), r) != answers.end(); }),
-      additionals.end());
-  return message(identity, legacy ? query.id : 0,
-                 legacy ? query.questions : std::vector<MdnsQuestion>(), answers, additionals,
-                 legacy, false);
+  if (!records.answers) return {};
+  records.additionals &= ~records.answers;
+  return records;
+}
+
+std::vector<std::uint8_t> encodeMdnsAnswer(const MdnsIdentity& identity, MdnsRecords records,
+                                           const MdnsQuery* legacy) {
+  records.answers &= kMdnsAll;
+  records.additionals &= kMdnsAll & ~records.answers;
+  if (!records.answers) return {};
+  return message(identity, legacy ? legacy->id : 0,
+                 legacy ? legacy->questions : std::vector<MdnsQuestion>(), records,
+                 legacy != nullptr, false);
 }
 
 std::vector<std::uint8_t> encodeMdnsAnnouncement(const MdnsIdentity& identity, bool goodbye) {
-  return message(identity, 0, {}, {Ptr, Srv, Txt, A}, {}, false, goodbye);
+  return message(identity, 0, {}, {kMdnsAll, 0}, false, goodbye);
 }

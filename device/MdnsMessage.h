@@ -39,16 +39,29 @@ struct MdnsIdentity {
   std::vector<std::string> txt;
 };
 
-/// The response to `query` with the identity's records that answer its
-/// questions (and the rest as additional records); empty when none does. A
-/// legacy (one-shot) reply repeats the ID and the questions, has TTLs of at
-/// most 10 s and no cache-flush bits.
+/// A device's records, as bits of a set.
+enum MdnsRecord : unsigned { kMdnsPtr = 1, kMdnsSrv = 2, kMdnsTxt = 4, kMdnsA = 8, kMdnsAll = 15 };
+
+/// The records of a response: the answers, and the rest that go along as
+/// additional records.
+struct MdnsRecords {
+  unsigned answers = 0;
+  unsigned additionals = 0;
+};
+
+/// The identity's records that answer the query's questions, and those of the
+/// rest that help the querier use them (none when nothing answers).
+MdnsRecords mdnsAnswerTo(const MdnsIdentity& identity, const MdnsQuery& query);
+
 /// Whether a question asks for the service's PTR records, which every device
 /// holds, so that many responders answer it at once.
 bool asksSharedRecords(const MdnsQuery& query);
 
-std::vector<std::uint8_t> encodeMdnsAnswer(const MdnsIdentity& identity, const MdnsQuery& query,
-                                           bool legacy);
+/// The response that carries `records` (additionals that are answers too left
+/// out); empty when it has no answer. A legacy (one-shot) reply to `legacy`
+/// repeats its ID and questions, has TTLs of at most 10 s and no cache-flush bits.
+std::vector<std::uint8_t> encodeMdnsAnswer(const MdnsIdentity& identity, MdnsRecords records,
+                                           const MdnsQuery* legacy = nullptr);
 
 /// An unsolicited response with every record as an answer; TTLs of 0 when
 /// `goodbye`.

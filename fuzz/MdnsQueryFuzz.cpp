@@ -20,8 +20,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (wire > 255) std::abort();
   }
   const MdnsIdentity identity{"Fuzz-0a0b0c", "vd-0a0b0c", 0x0A000002, 80, {"uuid=0a0b0c"}};
-  encodeMdnsAnswer(identity, *query, false);
-  auto reply = encodeMdnsAnswer(identity, *query, true);
+  const MdnsRecords records = mdnsAnswerTo(identity, *query);
+  if (records.answers & records.additionals) std::abort();
+  encodeMdnsAnswer(identity, records);
+  auto reply = encodeMdnsAnswer(identity, records, &*query);
   if (reply.empty()) return 0;
   if (reply[0] != data[0] || reply[1] != data[1]) std::abort();
   reply[2] &= 0x7F;  // read back as a query

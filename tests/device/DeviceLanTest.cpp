@@ -17,27 +17,55 @@ namespace {
 using Bytes = std::vector<unsigned char>;
 const std::string kUuid = "0102030405060708090a0b0c";
 
-/// Sends `query` to the mDNS group from a socket on `port` of the calling
-/// thread's namespace that hears only unicast; returns the first reply and its sender.
-Bytes ask(const Bytes& query, unsigned short port, sockaddr_in& from) {
+/// A UDP socket of the calling thread's namespace on `address` and `port` whose reads give up after
+/// `waitMs`; it hears only unicast, or the mDNS group too when `join`.
+int openSocket(const char* address, unsigned short port, int waitMs, bool join = false) {
   const int sock = socket(AF_INET, SOCK_DGRAM, 0);
   const int on = 1, off = 0;
   setsockopt(sock, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
   setsockopt(sock, SOL_SOCKET, SO_REUSEPORT, &on, sizeof on);
   setsockopt(sock, IPPROTO_IP, IP_MULTICAST_ALL, &off, sizeof off);
-  timeval wait{3, 0};
+  timeval wait{waitMs / 1000, waitMs % 1000 * 1000};
   setsockopt(sock, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait);
-  sockaddr_in local{AF_INET, htons(port), {}, {}}, group{AF_INET, htons(kMdnsPort), {}, {}};
-  group.sin_addr.s_addr = inet_addr("224.0.0.251");
+  sockaddr_in local{AF_INET, htons(port), {inet_addr(address)}, {}};
+  if (join) {
+    ip_mreq request{{inet_addr("224.0.0.251")}, {inet_addr(address)}};
+    setsockopt(sock, IPPROTO_IP, IP_ADD_MEMBERSHIP, &request, sizeof request);
+    local.sin_addr.s_addr = INADDR_ANY;
+  }
   bind(sock, reinterpret_cast<sockaddr*>(&local), sizeof local);
+  return sock;
+}
+
+void sendToGroup(int sock, const Bytes& query) {
+  sockaddr_in group{AF_INET, htons(kMdnsPort), {inet_addr("224.0.0.251")}, {}};
   sendto(sock, query.data(), query.size(), 0, reinterpret_cast<sockaddr*>(&group), sizeof group);
+}
+
+/// The next datagram and its sender; empty when none comes in time.
+Bytes receive(int sock, sockaddr_in& from) {
   Bytes reply(2048);
   socklen_t length = sizeof from;
   const ssize_t n =
       recvfrom(sock, reply.data(), reply.size(), 0, reinterpret_cast<sockaddr*>(&from), &length);
-  close(sock);
   reply.resize(n > 0 ? static_cast<size_t>(n) : 0);
   return reply;
+}
+
+/// Sends `query` to the mDNS group from `port` of `source`; returns the first unicast reply.
+Bytes ask(const Bytes& query, unsigned short port, sockaddr_in& from,
+          const char* source = "0.0.0.0", int waitMs = 3000) {
+  const int sock = openSocket(source, port, waitMs);
+  sendToGroup(sock, query);
+  Bytes reply = receive(sock, from);
+  close(sock);
+  return reply;
+}
+
+Bytes ptrQuery(std::uint16_t qclass) {
+  Bytes query(64);
+  query.resize(mdns_build_query(query.data(), query.size(), qclass));
+  return query;
 }
 
 }  // namespace
@@ -69,8 +97,7 @@ TEST(DeviceLan, IndependentMdnsClientsResolveTheDevice) {
       << zeroconf.err;
 
   ASSERT_TRUE(lan.enter("d3"));
-  Bytes query(64);
-  query.resize(mdns_build_query(query.data(), query.size(), 0x8001));
+  Bytes query = ptrQuery(0x8001);
   sockaddr_in from{};
   const Bytes unicast = ask(query, kMdnsPort, from);
   EXPECT_EQ(std::string(inet_ntoa(from.sin_addr)) + ":" + std::to_string(ntohs(from.sin_port)),
@@ -134,4 +161,103 @@ J
   EXPECT_EQ(lan.stop(sitePid), 0);
   EXPECT_EQ(lan.stop(one), 0);
   EXPECT_EQ(Lan::readText(lan.scratchFile("site")), "ready\n");
+}
+
+// Unicast replies go only to sources on the link: a one-shot query, or one that
+// asks for a unicast reply, from an address off the device's subnet (one more
+// address of the finder, as if behind a router) gets none.
+TEST(DeviceLan, OnlySourcesOnTheLinkGetUnicastReplies) {
+  VARNOCK_REQUIRE_LAN();
+  Lan lan({2});
+  ASSERT_TRUE(lan.ok());
+  ASSERT_EQ(lan.run("finder", {"ip", "addr", "add", "10.99.0.2/32", "dev", "eth0"}).status, 0);
+  const pid_t device = startDevice(lan, "d2", {"--uuid", kUuid});
+  ASSERT_GT(device, 0);
+  ASSERT_TRUE(lan.enter("finder"));
+  const struct {
+    const char* source;
+    unsigned short port;
+    std::uint16_t qclass;
+    bool answered;
+  } cases[] = {{"10.0.0.1", 40000, 1, true},
+               {"10.99.0.2", 40000, 1, false},
+               {"10.0.0.1", kMdnsPort, 0x8001, true},
+               {"10.99.0.2", kMdnsPort, 0x8001, false}};
+  for (const auto& c : cases) {
+    sockaddr_in from{};
+    EXPECT_EQ(ask(ptrQuery(c.qclass), c.port, from, c.source, 1000).empty(), !c.answered)
+        << c.source << ":" << c.port;
+  }
+  EXPECT_EQ(lan.stop(device), 0);
+}
+
+namespace {
+
+std::string name(std::initializer_list<std::string> labels) {
+  std::string out;
+  for (const std::string& label : labels) out += static_cast<char>(label.size()) + label;
+  return out + '\0';
+}
+
+std::string record(const std::string& owner, const char (&typeAndClass)[5],
+                   const std::string& data) {
+  return owner + std::string(typeAndClass, 4) + std::string(4, '\0') +
+         static_cast<char>(data.size() >> 8) + static_cast<char>(data.size()) + data;
+}
+
+}  // namespace
+
+// Whatever it is asked, a device multicasts each record at most once a second
+// (its PTR answer carries its SRV, TXT and A records too); on SIGTERM it
+// multicasts every record with TTL 0.
+TEST(DeviceLan, MulticastsEachRecordOnceASecondAndSaysGoodbye) {
+  VARNOCK_REQUIRE_LAN();
+  Lan lan({2});
+  ASSERT_TRUE(lan.ok());
+  const pid_t device = startDevice(lan, "d2", {"--uuid", kUuid, "--name", "Pallor-2"});
+  ASSERT_GT(device, 0);
+  ASSERT_TRUE(lan.enter("finder"));
+  const int sock = openSocket("10.0.0.1", kMdnsPort, 100, true);
+  usleep(2200 * 1000);  // past the two announcements, a second apart
+  for (sockaddr_in from{}; !receive(sock, from).empty();) {
+  }
+  const std::string host = name({"vd-" + kUuid, "local"});
+  Bytes ptr = ptrQuery(1), a(12, 0);
+  a[5] = 1;
+  a.insert(a.end(), host.begin(), host.end());
+  a.insert(a.end(), {0, 1, 0, 1});
+  const struct {
+    int atMs;
+    Bytes query;
+    int answers;  // heard until the next step
+  } steps[] = {{0, ptr, 1}, {600, ptr, 0}, {700, a, 0}, {1800, ptr, 1}, {2800, {}, 0}};
+  const auto start = std::chrono::steady_clock::now();
+  std::vector<int> expected, heard;
+  for (size_t i = 0; i + 1 < std::size(steps); ++i) {
+    sendToGroup(sock, steps[i].query);
+    expected.push_back(steps[i].answers);
+    heard.push_back(0);
+    while (std::chrono::steady_clock::now() - start <
+           std::chrono::milliseconds(steps[i + 1].atMs)) {
+      sockaddr_in from{};
+      const Bytes got = receive(sock, from);
+      heard.back() +=
+          got.size() > 2 && got[2] & 0x80 && from.sin_addr.s_addr == inet_addr("10.0.0.2");
+    }
+  }
+  EXPECT_EQ(heard, expected);
+
+  EXPECT_EQ(lan.stop(device), 0);
+  sockaddr_in from{};
+  Bytes goodbye;
+  do goodbye = receive(sock, from);
+  while (!goodbye.empty() && from.sin_addr.s_addr != inet_addr("10.0.0.2"));
+  close(sock);
+  const std::string instance = name({"Pallor-2-0a0b0c", "_http", "_tcp", "local"});
+  EXPECT_EQ(std::string(goodbye.begin(), goodbye.end()),
+            std::string("\0\0\x84\0\0\0\0\x04\0\0\0\0", 12) +
+                record(name({"_http", "_tcp", "local"}), "\0\x0c\0\x01", instance) +
+                record(instance, "\0\x21\x80\x01", std::string("\0\0\0\0\0\x50", 6) + host) +
+                record(instance, "\0\x10\x80\x01", "\x1duuid=" + kUuid) +
+                record(host, "\0\x01\x80\x01", std::string("\x0a\0\0\x02", 4)));
 }
