@@ -43,7 +43,7 @@ restore_rmem() {
 [ ! -s "$saved" ] ||
   echo "load_check: net.core.rmem_max put back to $(cat "$saved"), left raised by a check that was killed"
 restore_rmem
-trap 'lab_clean_up; restore_rmem' EXIT
+trap 'trap "" HUP INT TERM; lab_clean_up; restore_rmem' EXIT
 rmem=$(sysctl -n net.core.rmem_max)
 if [ "$rmem" -lt 2097152 ]; then
   echo "load_check: net.core.rmem_max $rmem raised to 2097152 for the check"
