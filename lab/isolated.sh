@@ -22,7 +22,8 @@ wait_for() {  # PID: until PID, a child, has ended, whatever signals come meanwh
 }
 
 # shellcheck disable=SC2317  # the traps call stop and forward
-if [ "${1:-}" = --init ]; then
+# Only as PID 1 of the new namespace: there kill -1 reaches its processes alone.
+if [ "${1:-}" = --init ] && [ $$ -eq 1 ]; then
   # The namespaces' first process: passes the first signal to every other one.
   shift
   stopping=""
