@@ -91,16 +91,18 @@ for i in "${!rows[@]}"; do
   running=$(ps -e -o pidns=,args=)
   ended "$pid" && leave "(ended before the signal)"
   t0=$(date +%s.%N)
-  if [ "$how" = kill ]; then kill -s "$sig" "$pid"; else kill -s "$sig" -- "-$pid"; fi 2>/dev/null || true
-  # What the script was doing, to show the moment hit.
-  seen=$(awk -v n="${ns:-x}" '$1 == n' <<<"$running" |
-    grep -oE 'lan\.sh (up|down)|/(varnock|varnock-device|varnock-hostile|avahi-daemon) ' | tr -d '/ ' |
-    sed 's/lan.sh/lan.sh /' | sort -u | paste -sd, - || true)
-  sleep "$STOP" &
-  timer=$!
-  wait -n -p first "$pid" "$timer" 2>/dev/null && status=0 || status=$?
-  stopped=$(awk -v a="$t0" -v b="$(date +%s.%N)" 'BEGIN { printf "%.2f s", b - a }')
-  kill "$timer" 2>/dev/null || true
+  {  # bash notes a child that a SIGKILL ended before its wait
+    if [ "$how" = kill ]; then kill -s "$sig" "$pid"; else kill -s "$sig" -- "-$pid"; fi || true
+    # What the script was doing, to show the moment hit.
+    seen=$(awk -v n="${ns:-x}" '$1 == n' <<<"$running" |
+      grep -oE 'lan\.sh (up|down)|/(varnock|varnock-device|varnock-hostile|avahi-daemon) ' | tr -d '/ ' |
+      sed 's/lan.sh/lan.sh /' | sort -u | paste -sd, - || true)
+    sleep "$STOP" &
+    timer=$!
+    wait -n -p first "$pid" "$timer" && status=0 || status=$?
+    stopped=$(awk -v a="$t0" -v b="$(date +%s.%N)" 'BEGIN { printf "%.2f s", b - a }')
+    kill "$timer" || true
+  } 2>/dev/null
   [ "$first" = "$pid" ] || { leave "still running after ${STOP}s"; status=-; }
   lab_pids=()
   for _ in $(seq 40); do  # a SIGKILL ends the namespaces a moment later
