@@ -7,7 +7,7 @@
 set -euo pipefail
 ns=$1
 [ -e "/run/netns/$ns" ] || { echo "avahi-browse.sh: no namespace $ns" >&2; exit 2; }
-dir=$(mktemp -d /tmp/varnock-browse.XXXXXX)
+dir=$(mktemp -d -t varnock-browse.XXXXXX)
 trap 'rm -rf "$dir"' EXIT
 cat >"$dir/avahi-daemon.conf" <<CONF
 [server]

@@ -106,9 +106,9 @@ cmd_up() {
     plen=$given
   fi
   [ $((${net##*.} % (1 << (24 - plen)))) -eq 0 ] || die "$net.0 does not start a /$plen"
-  tmp=$(mktemp -d)
-  building=$lan
-  trap 'rm -rf "$tmp"; [ "${ok:-0}" = 1 ] || cmd_down "$building"' EXIT
+  building=$lan tmp=""
+  trap '[ -z "$tmp" ] || rm -rf "$tmp"; [ "${ok:-0}" = 1 ] || cmd_down "$building"' EXIT
+  tmp=$(mktemp -d -t varnock-lan.XXXXXX)
   : >"$tmp/br.batch"; : >"$tmp/br.batch2"
   local br b
   br=$(lan_ns "$lan" br)

@@ -76,14 +76,17 @@ lab_pids=()
 lab_lans=()
 work=""
 
-clean_up_on_exit() {  # makes $work; on exit stops what was started here, takes the LANs down, removes $work
-  work=$(mktemp -d "/tmp/varnock-$lab_name.XXXXXX")
-  trap lab_clean_up EXIT
+clean_up_on_exit() {  # makes $work; at exit, by a signal too, stops what was started here, takes the LANs down, removes $work
+  # A signal's trap may not cut the clean-up short: its first step ignores them.
+  trap 'trap "" HUP INT TERM; lab_clean_up' EXIT
+  trap 'exit 129' HUP
   trap 'exit 130' INT
   trap 'exit 143' TERM
+  work=$(mktemp -d -t "varnock-$lab_name.XXXXXX")
 }
 
-lab_clean_up() {
+lab_clean_up() {  # runs to its end: signals are ignored, by what it runs too
+  trap '' HUP INT TERM
   local lan
   stop_started
   for lan in "${lab_lans[@]}"; do "$lan_sh" down "$lan" 2>/dev/null || true; done

@@ -3,7 +3,8 @@
 # "_http._tcp" service on PORT under HOST-NAME, and prints "ready" once the
 # service is announced. It gets a mount namespace of its own with a private
 # /run and its own services folder, so any number of them can run side by side
-# and none touches the machine's own avahi. Runs in the foreground.
+# and none touches the machine's own avahi. Runs in the foreground; SIGTERM
+# stops avahi, and its folder is removed.
 #   mdns-responder.sh LAN NODE HOST-NAME [PORT]
 set -euo pipefail
 # shellcheck source=lab/lib.sh
@@ -11,7 +12,8 @@ source "$(dirname "$0")/lib.sh"
 [ $# -ge 3 ] || die "usage: mdns-responder.sh LAN NODE HOST-NAME [PORT]"
 ns=$(lan_ns "$1" "$2") host=$3 port=${4:-80}
 [ -e "/run/netns/$ns" ] || die "no namespace $ns"
-dir=$(mktemp -d /tmp/varnock-avahi.XXXXXX)
+clean_up_on_exit
+dir=$work
 mkdir -p "$dir/services"
 cat >"$dir/avahi-daemon.conf" <<CONF
 [server]
@@ -41,7 +43,6 @@ cat >"$dir/services/http.service" <<SVC
   <service><type>_http._tcp</type><port>$port</port></service>
 </service-group>
 SVC
-trap 'rm -rf "$dir"' EXIT
 # avahi's log passes through; the line that says the service is announced is
 # followed by "ready".
 announced() {
@@ -59,6 +60,5 @@ ip netns exec "$ns" unshare --mount -- sh -c '
   mount --bind "$1/services" /etc/avahi/services &&
   exec avahi-daemon --file="$1/avahi-daemon.conf" --no-drop-root --no-chroot --no-rlimits
 ' sh "$dir" > >(announced) 2>&1 &
-child=$!
-trap 'kill -TERM $child 2>/dev/null; wait $child; rm -rf "$dir"' EXIT TERM INT
-wait $child
+lab_pids+=($!)
+wait $!

@@ -5,25 +5,31 @@
 # over HTTP, a device that speaks both), with real mDNS responders. Runs
 # varnock and varnock --json from the LAN's finder host, prints what they
 # print, and removes everything again. With --capture FILE, the finder's
-# traffic (MORL, mDNS and HTTP) is written to FILE as a pcap as well. Needs root.
-#   scripts/demo.sh [--capture FILE]
+# traffic (MORL, mDNS and HTTP) is written to FILE as a pcap as well. With
+# --build DIR, it shows the binaries of the build tree DIR instead of building
+# build/. Needs root.
+#   scripts/demo.sh [--capture FILE] [--build DIR]
 set -euo pipefail
 # shellcheck source=lab/lib.sh
 source "$(dirname "$0")/../lab/lib.sh"
 root=$(cd "$(dirname "$0")/.." && pwd)
-capture=""
-if [ "${1:-}" = "--capture" ]; then capture=$(realpath -m "$2"); fi
+args=("$@") capture="" bin=""
+while [ $# -gt 0 ]; do
+  case "$1" in
+    --capture) capture=$(realpath -m "$2"); shift 2 ;;
+    --build) bin=$(realpath "$2"); shift 2 ;;
+    *) die "usage: demo.sh [--capture FILE] [--build DIR]" ;;
+  esac
+done
 cd "$root"
-
-if [ -z "${VARNOCK_ISOLATED:-}" ]; then
-  need_root
-  bash scripts/setup.sh
-fi
-# Private mount and PID namespaces: nothing the demo starts can outlive it.
-isolate "$@"
+need_root
+# Private mount and PID namespaces: nothing the demo starts, the build
+# included, can outlive it.
+isolate "${args[@]}"
+if [ -n "$bin" ]; then bash scripts/setup.sh --no-build; else bash scripts/setup.sh; fi
+bin=${bin:-$root/build}
 
 lan=demo
-bin="$root/build"
 clean_up_on_exit
 device() {  # HOST ARGS...
   start_in "$lan" "d$1" "$work/d$1.log" "$bin/device/varnock-device" "${@:2}"

@@ -4,9 +4,10 @@
 # AddressSanitizer + UndefinedBehaviorSanitizer build (with the fuzz targets,
 # each run for a bounded time), the ThreadSanitizer build of the threaded
 # parts, the formatting and shell lint, the Debian package's checks, a short
-# soak of varnock on a simulated LAN whose other hosts attack it, and a load
-# check on a LAN of 600 devices. Run as root: the network tests build their own
-# namespaces (without root they skip themselves).
+# soak of varnock on a simulated LAN whose other hosts attack it, a load
+# check on a LAN of 600 devices, and a check that the LAN scripts stop cleanly
+# when interrupted. Run as root: the network tests build their own namespaces
+# (without root they skip themselves).
 #   scripts/test.sh [fuzz-seconds-per-target]
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
@@ -82,5 +83,9 @@ lan_test tests/soak/hostile_soak.sh --runs 1 --flood 3 "$out/plain" "$out/asan"
 # Capacity and speed: 500 MORL and 100 mDNS/HTTP devices, three runs.
 step "load check"
 lan_test tests/load/load_check.sh "$out/plain"
+
+# The demo, the load check and the soak, interrupted at several moments, stop at once and leave nothing.
+step "interruptions"
+lan_test tests/interrupt/interrupt_check.sh "$out/plain"
 
 step "all passed"

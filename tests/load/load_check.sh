@@ -7,7 +7,10 @@
 #   tests/load/load_check.sh [--runs N] BUILD
 # The MORL socket asks for 2 MiB and gets at most net.core.rmem_max, which is
 # one for the whole kernel: a host below 2 MiB has it raised for the check and
-# put back afterwards. Runs itself inside lab/isolated.sh. Needs root.
+# put back afterwards, or at the next check's start when a check was killed
+# (the value to put back is kept in /run, which, like the setting, a reboot
+# clears). One check runs at a time; another waits for it. Runs itself inside
+# lab/isolated.sh. Needs root.
 set -euo pipefail
 # shellcheck source=lab/lib.sh
 source "$(dirname "$0")/../../lab/lib.sh"
@@ -28,10 +31,24 @@ MORL=500 MDNS=100
 BOUND=0.5
 lan=load
 clean_up_on_exit
+mkdir -p /run/varnock
+exec {lock}>/run/varnock/load-check.lock
+flock -n "$lock" || { echo "load_check: waiting for another load check to end"; flock "$lock"; }
+saved=/run/varnock/load-check.rmem_max
+restore_rmem() {
+  [ -s "$saved" ] || return 0
+  sysctl -qw net.core.rmem_max="$(cat "$saved")"
+  rm -f "$saved"
+}
+[ ! -s "$saved" ] ||
+  echo "load_check: net.core.rmem_max put back to $(cat "$saved"), left raised by a check that was killed"
+restore_rmem
+trap 'trap "" HUP INT TERM; lab_clean_up; restore_rmem' EXIT
 rmem=$(sysctl -n net.core.rmem_max)
 if [ "$rmem" -lt 2097152 ]; then
   echo "load_check: net.core.rmem_max $rmem raised to 2097152 for the check"
-  trap 'sysctl -qw net.core.rmem_max="$rmem"; lab_clean_up' EXIT
+  echo "$rmem" >"$saved.new"
+  mv "$saved.new" "$saved"
   sysctl -qw net.core.rmem_max=2097152
 fi
 

@@ -1,0 +1,137 @@
+#!/usr/bin/env bash
+# Interruption check: starts the demo, the load check and the hostile soak (in
+# a session of their own, each building its LAN inside lab/isolated.sh), sends
+# each a signal at a chosen moment, with `kill PID` or ("Ctrl-C") to its
+# process group as a terminal does, and checks that it ends within STOP s and
+# leaves nothing: no process of its session or of its PID namespace, no network
+# namespace (host `ip netns`, /run/netns), no veth link in the host, no file in
+# its TMPDIR, and net.core.rmem_max as it was. A load check killed with SIGKILL
+# leaves rmem_max raised (and the value to put back saved); the next one's
+# start puts it back. Prints a row for each, with the LAN programs that ran in
+# the script's namespace when the signal was sent. Needs root; a machine whose
+# rmem_max is at least 2 MiB has it lowered to the kernel's default for the
+# check.
+#   tests/interrupt/interrupt_check.sh BUILD
+set -euo pipefail
+# shellcheck source=lab/lib.sh
+source "$(dirname "$0")/../../lab/lib.sh"
+[ $# -eq 1 ] || die "usage: $0 BUILD"
+build=$(cd "$1" && pwd)
+root=$(cd "$lab_dir/.." && pwd)
+need_root
+STOP=5
+
+# SCRIPT | SIGNAL | SENT BY | MOMENT | after a line matching | and this many s
+rows=(
+  "demo|INT|kill|LAN being built|^Building a simulated LAN|0"
+  "demo|TERM|Ctrl-C|devices starting|^Building a simulated LAN|0.5"
+  "demo|TERM|kill|varnock runs|^\\\$ varnock -M|1"
+  "demo|INT|Ctrl-C|varnock runs|^\\\$ varnock -M|1.5"
+  "demo|INT|kill|clean-up|^}$|0"
+  "demo|TERM|Ctrl-C|clean-up|^}$|0"
+  "load|TERM|kill|LAN being built|raised to 2097152|1.5"
+  "load|INT|kill|varnock runs|devices up in|0.5"
+  "load|KILL|kill|varnock runs|devices up in|0.5"
+  "load|TERM|kill|the next start|put back to|0.3"
+  "soak|INT|kill|hosts starting||1.5"
+  "soak|TERM|kill|varnock attacked|^hostile LAN:|2"
+)
+command_of() {  # SCRIPT: its command line
+  case "$1" in
+    demo) echo "$root/scripts/demo.sh --build $build" ;;
+    load) echo "$root/tests/load/load_check.sh --runs 1 $build" ;;
+    soak) echo "$root/tests/soak/hostile_soak.sh --runs 1 --flood 1 $build" ;;
+  esac
+}
+
+clean_up_on_exit
+trap 'trap "" HUP INT TERM; lab_clean_up; [ -z "${rmem0:-}" ] || sysctl -qw net.core.rmem_max="$rmem0"' EXIT
+rmem0=$(sysctl -n net.core.rmem_max)
+if [ "$rmem0" -ge 2097152 ]; then sysctl -qw net.core.rmem_max=212992; else rmem0=""; fi
+
+host_state() {  # the network namespaces and veth links of the host
+  ip netns list
+  ls -A /run/netns 2>/dev/null || true
+  ip -o link show type veth | cut -d: -f2
+}
+
+ended() {  # PID: whether PID, a child, has ended
+  [ "$(sed 's/.*) //' "/proc/$1/stat" 2>/dev/null | cut -d' ' -f1)" != Z ] || return 0
+  [ ! -e "/proc/$1" ]
+}
+
+inner_ns() {  # PID: the PID namespace of the command that lab/isolated.sh runs as PID, if it runs
+  local unshare init
+  unshare=$(cat "/proc/$1/task/$1/children" 2>/dev/null || true)
+  init=$(cat "/proc/${unshare%% *}/task/${unshare%% *}/children" 2>/dev/null || true)
+  [ -n "$init" ] || return 0
+  readlink "/proc/${init%% *}/ns/pid" 2>/dev/null | tr -dc 0-9 || true
+}
+
+leave() { left+=("$*"); bad=1; }  # TEXT: what a row left, a fault
+
+failures=0
+printf '%-5s %-6s %-6s %-16s %-26s %-7s %-6s %s\n' script signal sent moment "(seen running)" stopped status left
+for i in "${!rows[@]}"; do
+  IFS='|' read -r script sig how moment pattern delay <<<"${rows[i]}"
+  log=$work/row$i.log
+  export TMPDIR=$work/tmp$i
+  mkdir "$TMPDIR"
+  [ "${previous:-}" = KILL ] || rmem=$(sysctl -n net.core.rmem_max)
+  before=$(host_state)
+  # shellcheck disable=SC2046  # the command line is words without blanks
+  setsid env --default-signal=INT bash $(command_of "$script") >"$log" 2>&1 &
+  pid=$!
+  lab_pids+=("$pid")
+  end=$((SECONDS + 60))
+  until { [ -z "$pattern" ] || grep -Eqs -- "$pattern" "$log"; } || ended "$pid" || [ $SECONDS -ge $end ]; do sleep 0.02; done
+  sleep "$delay"
+  ns=$(inner_ns "$pid")
+  left=() bad=0
+  running=$(ps -e -o pidns=,args=)
+  ended "$pid" && leave "(ended before the signal)"
+  t0=$(date +%s.%N)
+  {  # bash notes a child that a SIGKILL ended before its wait
+    if [ "$how" = kill ]; then kill -s "$sig" "$pid"; else kill -s "$sig" -- "-$pid"; fi || true
+    # What the script was doing, to show the moment hit.
+    seen=$(awk -v n="${ns:-x}" '$1 == n' <<<"$running" |
+      grep -oE 'lan\.sh (up|down)|/(varnock|varnock-device|varnock-hostile|avahi-daemon) ' | tr -d '/ ' |
+      sed 's/lan.sh/lan.sh /' | sort -u | paste -sd, - || true)
+    sleep "$STOP" &
+    timer=$!
+    wait -n -p first "$pid" "$timer" && status=0 || status=$?
+    stopped=$(awk -v a="$t0" -v b="$(date +%s.%N)" 'BEGIN { printf "%.2f s", b - a }')
+    kill "$timer" || true
+  } 2>/dev/null
+  [ "$first" = "$pid" ] || { leave "still running after ${STOP}s"; status=-; }
+  lab_pids=()
+  for _ in $(seq 40); do  # a SIGKILL ends the namespaces a moment later
+    mapfile -t procs < <(ps -e -o pid=,sid=,pidns=,comm= | awk -v s="$pid" -v n="${ns:-x}" '$2 == s || $3 == n')
+    [ ${#procs[@]} -gt 0 ] || break
+    sleep 0.05
+  done
+  [ ${#procs[@]} -eq 0 ] || leave "processes: $(printf '%s; ' "${procs[@]}")"
+  for p in "${procs[@]}"; do kill -KILL "${p%% *}" 2>/dev/null || true; done
+  [ "$(host_state)" = "$before" ] || leave "host namespaces or links: $(diff <(echo "$before") <(host_state) | grep '^>')"
+  tmpfiles=$(ls -A "$TMPDIR")
+  now=$(sysctl -n net.core.rmem_max)
+  if [ "$sig" = KILL ]; then
+    saved=$(cat /run/varnock/load-check.rmem_max 2>/dev/null || true)
+    left+=("as after any SIGKILL: rmem_max $now (saved: $saved), files: ${tmpfiles//$'\n'/ }")
+    { [ "$now" = 2097152 ] && [ "$saved" = "$rmem" ]; } || bad=1
+  else
+    [ -z "$tmpfiles" ] || leave "files: ${tmpfiles//$'\n'/ }"
+    [ "$now" = "$rmem" ] || leave "rmem_max $now, was $rmem"
+  fi
+  rm -rf "$TMPDIR"
+  previous=$sig
+  if [ "$bad" = 1 ]; then
+    failures=$((failures + 1))
+    tail -n 5 "$log" | sed 's/^/  | /'
+  fi
+  [ ${#left[@]} -gt 0 ] || left=(nothing)
+  printf '%-5s %-6s %-6s %-16s %-26s %-7s %-6s %s\n' "$script" "$sig" "$how" "$moment" "(${seen:--})" "$stopped" \
+    "$status" "${left[*]}"
+done
+echo "interrupt_check: $((${#rows[@]} - failures)) of ${#rows[@]} rows passed"
+[ "$failures" -eq 0 ]
