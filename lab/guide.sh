@@ -97,7 +97,7 @@ cmd_up() {
   "$lan_sh" up "$lan" 5 10 12 20
   device 10 --name Dorn-10 --service 0:1 --no-http --no-mdns
   device 12 --name Ctrl-12 --no-service --no-mdns \
-    --http-body '{"data":{"name":"Ctrl-12","version":"1.0.0","device_type":"pallor_module"}}'
+    --http-body "{\"data\":{\"name\":\"Ctrl-12\",\"version\":\"1.0.0\",\"device_type\":\"${device_types[2]}\"}}"
   device 20 --name Http-20 --no-morl
 }
 

@@ -209,8 +209,9 @@ backlog_drops() {  # packets the kernel dropped from its per-CPU receive backlog
 
 # --- the load LAN: many devices, and runs of the whole tool in its finder
 
-# Device type by MORL service type 0 to 4.
-load_types=(extender_dorn extender_brask pallor_module extender_quin extender_fell)
+# The device-type names of MORL service types 0 to 4, as varnock prints them: the shell's one
+# copy, checked against the product's by tests/morl/DeviceTypeNamesTest.cpp.
+device_types=(extender_dorn extender_brask pallor_module extender_quin extender_fell)
 
 load_site_size=500
 
@@ -226,11 +227,11 @@ load_site() {  # KIND HOST...: the site file of HOST... (KIND MORL or MDNS); the
     if [ "$kind" = MORL ]; then
       printf '%s{"address": "%s", "name": "morl-%s", "software-version": "1.%s", "services": ["%s:1"]}\n' \
         "$sep" "$(host_addr 10.0.0 "$h")" "$h" "$h" $((h % 5)) >>"$file"
-      echo "$(host_addr 10.0.0 "$h") morl-$h 1.$h ${load_types[h % 5]} MORL $node" >>"$work/expected"
+      echo "$(host_addr 10.0.0 "$h") morl-$h 1.$h ${device_types[h % 5]} MORL $node" >>"$work/expected"
     else
       printf '%s{"address": "%s", "name": "http-%s", "software-version": "2.%s"}\n' \
         "$sep" "$(host_addr 10.0.0 "$h")" "$h" "$h" >>"$file"
-      echo "$(host_addr 10.0.0 "$h") http-$h 2.$h pallor_module mDNS+HTTP $node" >>"$work/expected"
+      echo "$(host_addr 10.0.0 "$h") http-$h 2.$h ${device_types[2]} mDNS+HTTP $node" >>"$work/expected"
     fi
     sep=,
   done

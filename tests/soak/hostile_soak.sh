@@ -88,9 +88,9 @@ cat >"$work/site.json" <<JSON
 ]}
 JSON
 node 10 d10.log nice -n -10 "$tools/device/varnock-device" --site "$work/site.json"
-expected=$(printf '%s\n' "$(ip 10) Dorn-Hall 1.0.3 extender_dorn" \
-  "$(ip 11) Brask-Gate 2.0.0 extender_brask" "$(ip 12) Fell-Lab 0.9.8 extender_fell" \
-  "$(ip 13) Odd-One 7.7 uknown" "$(ip 14) Pallor-Main 2.4.1 pallor_module")
+expected=$(printf '%s\n' "$(ip 10) Dorn-Hall 1.0.3 ${device_types[0]}" \
+  "$(ip 11) Brask-Gate 2.0.0 ${device_types[1]}" "$(ip 12) Fell-Lab 0.9.8 ${device_types[4]}" \
+  "$(ip 13) Odd-One 7.7 uknown" "$(ip 14) Pallor-Main 2.4.1 ${device_types[2]}")
 
 # Misbehaving HTTP hosts; they end by themselves when the soak's time is up.
 budget=$(((flood + MDNS_WAIT + 25) * (runs * ${#builds[@]} + 1) + 60))
