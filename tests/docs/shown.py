@@ -92,10 +92,12 @@ class Runner:
         self.env = dict(os.environ, VARNOCK_BUILD=self.build, VARNOCK_WAIT="60")
         self.env["PATH"] = f"{self.build}/app:{self.build}/device:{os.environ['PATH']}"
         self.work = None
+        self.prefix = []
         self.files = {}  # written into every new working directory
 
     def fresh_work(self):
         """A working directory with the source tree's folders and build/ as the build."""
+        self.clean()
         self.work = tempfile.mkdtemp(prefix="varnock-shown.")
         for name in os.listdir(SOURCE):
             if not name.startswith(("build", ".")):
@@ -103,6 +105,10 @@ class Runner:
         os.symlink(self.build, os.path.join(self.work, "build"))
         for name, text in self.files.items():
             open(os.path.join(self.work, name), "w").write(text)
+
+    def clean(self):
+        if self.work:
+            shutil.rmtree(self.work, ignore_errors=True)
 
     def sh(self, args, timeout=300):
         r = subprocess.run(args, cwd=self.work, env=self.env, stdin=subprocess.DEVNULL,
@@ -186,6 +192,8 @@ def main(argv):
                 failures += new
                 ran += 1
                 print(f"{where}: {'FAILED' if new else 'ok'} ({' '.join(words)})", flush=True)
+    if runner:
+        runner.clean()
     for failure in failures:
         print("\n" + failure)
     if not listing:
