@@ -45,6 +45,7 @@ EOF
 }
 
 device() {  # HOST ARGS...: a varnock-device in dHOST that outlives this script, until it prints "ready"
+  : >"$state/d$1.log"  # now, so that no "ready" of an earlier run is read
   setsid ip netns exec "$(lan_ns "$lan" "d$1")" varnock-device "${@:2}" >"$state/d$1.log" 2>&1 </dev/null &
   wait_ready "$state/d$1.log"
 }
@@ -94,6 +95,7 @@ healthy() {  # undoes every cause and every fix: the LAN as `up` left it
 cmd_up() {
   [ ! -e "/run/netns/$(lan_ns "$lan" finder)" ] || { healthy; return 0; }
   command -v varnock-device >/dev/null || die "no varnock-device: build it (scripts/setup.sh) or install it"
+  rm -f "$state"/*
   "$lan_sh" up "$lan" 5 10 12 20
   device 10 --name Dorn-10 --service 0:1 --no-http --no-mdns
   device 12 --name Ctrl-12 --no-service --no-mdns \
@@ -137,6 +139,7 @@ table inet host {
 EOF
       ;;
     port-taken)
+      : >"$state/holder.log"
       setsid ip netns exec "$(lan_ns "$lan" finder)" varnock-device --no-mdns --no-http \
         >"$state/holder.log" 2>&1 </dev/null &
       wait_ready "$state/holder.log"
