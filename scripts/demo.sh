@@ -8,8 +8,8 @@
 # traffic (MORL, mDNS and HTTP) is written to FILE as a pcap as well. Needs root.
 #   scripts/demo.sh [--capture FILE]
 set -euo pipefail
-# shellcheck source=lab/lib.sh
-source "$(dirname "$0")/../lab/lib.sh"
+# shellcheck source=lab/lan/lib.sh
+source "$(dirname "$0")/../lab/lan/lib.sh"
 root=$(cd "$(dirname "$0")/.." && pwd)
 capture=""
 if [ "${1:-}" = "--capture" ]; then capture=$(realpath -m "$2"); fi

@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Runs every shell session that README.md, docs/*.md and the man pages show, and
 compares what each command prints with the text shown after it. The marker rule
-is in docs/testing.md. Needs root; run it inside lab/isolated.sh.
+is in docs/testing.md. Needs root; run it inside lab/lan/isolated.sh.
 
   shown.py BUILD [DOCUMENT...]    run (every document by default)
   shown.py --list [DOCUMENT...]   list the marked blocks and their setups
@@ -132,7 +132,7 @@ class Runner:
         if words[:1] == ["host"]:
             self.prefix = []
         elif words[:1] == ["guide"]:
-            guide = os.path.join(SOURCE, "lab/guide.sh")
+            guide = os.path.join(SOURCE, "lab/lan/guide.sh")
             # up builds the LAN, or takes it back to no cause at all.
             for verb in [["up"]] + [words[i : i + 2] for i in range(1, len(words), 2)]:
                 status, out = self.sh(["bash", guide] + verb)

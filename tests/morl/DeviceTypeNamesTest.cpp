@@ -44,7 +44,7 @@ TEST(DeviceTypeNames, DissectorLabAndManPagesNameEachTypeAsTheProduct) {
   EXPECT_EQ(matches(between(lua, "local device_types", "}"), R"re(\] = "(\w+)")re"), names);
   EXPECT_EQ(matches(lua, R"re(device_types\[service\] or "(\w+)")re"),
             std::vector<std::string>{"uknown"});
-  const auto lab = matches(readSource("lab/lib.sh"), R"re(\ndevice_types=\(([^)]*)\))re");
+  const auto lab = matches(readSource("lab/lan/lib.sh"), R"re(\ndevice_types=\(([^)]*)\))re");
   ASSERT_EQ(lab.size(), 1u);
   EXPECT_EQ(matches(lab[0] + " ", R"re((\w+) )re"), names);
   const auto finder = readSource("packaging/man/varnock.1.in");

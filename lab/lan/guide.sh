@@ -20,11 +20,11 @@
 # VARNOCK_GUIDE_LAN the LAN's name ("guide").
 set -euo pipefail
 
-# shellcheck source=lab/lib.sh
+# shellcheck source=lab/lan/lib.sh
 source "$(dirname "$0")/lib.sh"
 
 lan=${VARNOCK_GUIDE_LAN:-guide}
-build=${VARNOCK_BUILD:-$lab_dir/../build}
+build=${VARNOCK_BUILD:-$lab_dir/../../build}
 [ -x "$build/app/varnock" ] && PATH=$(cd "$build" && pwd)/app:$(cd "$build" && pwd)/device:$PATH
 state=/tmp/varnock-guide-$lan
 mkdir -p "$state"

@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
 # The lab's shell library: every helper that the scripts building or using the
 # simulated LAN share, each in one place. Scripts source it first thing:
-#   source "$(dirname "$0")/../lab/lib.sh"
+#   source "$(dirname "$0")/../lab/lan/lib.sh"
 # Programs that are not shell scripts run one helper as a command:
-#   lab/lib.sh HELPER ARGS...
+#   lab/lan/lib.sh HELPER ARGS...
 # VARNOCK_WAIT: seconds a wait (for hosts to print "ready", for a port) may go
 # without progress before it fails; 60 by default.
 
@@ -28,7 +28,7 @@ need_root() {  # exits 77 ("not run") unless root
   exit 77
 }
 
-isolate() {  # ARGS...: runs the calling script again with ARGS inside lab/isolated.sh, unless it runs there already
+isolate() {  # ARGS...: runs the calling script again with ARGS inside lab/lan/isolated.sh, unless it runs there already
   [ -n "${VARNOCK_ISOLATED:-}" ] || exec "$lab_dir/isolated.sh" bash "$lab_self" "$@"
 }
 
@@ -119,8 +119,8 @@ start_in() {  # LAN NODE LOG COMMAND...: COMMAND in the node in the background, 
   lab_pids+=($!)
 }
 
-start_responder() {  # LAN HOST NAME LOG: an mDNS responder in dHOST that announces NAME (lab/mdns-responder.sh)
-  "$lab_dir/mdns-responder.sh" "$1" "d$2" "$3" >"$4" 2>&1 &
+start_responder() {  # LAN HOST NAME LOG: an mDNS responder in dHOST that announces NAME (lab/hosts/mdns-responder.sh)
+  "$lab_dir/../hosts/mdns-responder.sh" "$1" "d$2" "$3" >"$4" 2>&1 &
   lab_pids+=($!)
 }
 

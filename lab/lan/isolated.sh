@@ -6,7 +6,7 @@
 # through lib.sh's isolate; VARNOCK_ISOLATED tells them they are inside.
 #   isolated.sh COMMAND...
 set -euo pipefail
-# shellcheck source=lab/lib.sh
+# shellcheck source=lab/lan/lib.sh
 source "$(dirname "$0")/lib.sh"
 if ! have_root || ! command -v unshare >/dev/null; then exec "$@"; fi
 mkdir -p /run/netns
