@@ -1,5 +1,5 @@
 // gather over 200 records on the simulated LAN (needs root; run it through
-// lab/isolated.sh so the LAN vanishes with the process):
+// lab/lan/isolated.sh so the LAN vanishes with the process):
 //   Answering100ms - every device answers after 100 ms: about one answer's time
 //   AnsweringAtOnce - every device answers at once: the cost of the exchanges
 //   SilentServers  - every device accepts and answers only after a minute: one read deadline

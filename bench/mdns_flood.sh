@@ -12,11 +12,11 @@
 # payload bytes out over bytes in, answers that reached the off-link address,
 # the process's CPU share during the flood and its RSS before and after (KiB),
 # and how many of the devices each client listed. Counters are the kernel's, in
-# each node's namespace. Runs itself inside lab/isolated.sh. Needs root.
+# each node's namespace. Runs itself inside lab/lan/isolated.sh. Needs root.
 #   bench/mdns_flood.sh [--seconds N] [--rates "RATE..."] [--sizes "COUNT..."] BUILD_DIR
 set -euo pipefail
-# shellcheck source=lab/lib.sh
-source "$(dirname "$0")/../lab/lib.sh"
+# shellcheck source=lab/lan/lib.sh
+source "$(dirname "$0")/../lab/lan/lib.sh"
 
 usage="usage: $0 [--seconds N] [--rates \"RATE...\"] [--sizes \"COUNT...\"] BUILD_DIR"
 seconds=20 rates="5000 20000" sizes="1 100"
@@ -64,8 +64,8 @@ listed() {  # FILE COLUMN SEPARATOR: how many expected addresses the client's ou
 
 clients() {  # runs the three clients in the finder, one after another
   in_node "$lan" finder "$build/app/varnock" -M 1 -T 1 -a 2>&1 | sed 's/:.*//; s/^ *//' >"$work/varnock"
-  "$lab_dir/avahi-browse.sh" "$(lan_ns "$lan" finder)" >"$work/avahi" 2>&1 || true
-  in_node "$lan" finder /usr/bin/python3 "$lab_dir/zeroconf-browse.py" 2 >"$work/zeroconf" 2>&1 || true
+  "$lab_dir/../hosts/avahi-browse.sh" "$(lan_ns "$lan" finder)" >"$work/avahi" 2>&1 || true
+  in_node "$lan" finder /usr/bin/python3 "$lab_dir/../hosts/zeroconf-browse.py" 2 >"$work/zeroconf" 2>&1 || true
 }
 
 printf '%7s %6s %8s %8s %7s %8s %8s %7s %8s %5s %7s %7s %13s\n' devices rate sent "in" dropped \
@@ -86,13 +86,13 @@ for size in $sizes; do
     read -r -a d0 < <(node_stats d2)
     read -r -a o0 < <(node_stats d252)
     flooders=()
-    start_in "$lan" d250 "$work/f0" /usr/bin/python3 "$lab_dir/mdns-flood.py" "$(host_addr 10.0.0 250)" 5353 \
+    start_in "$lan" d250 "$work/f0" /usr/bin/python3 "$lab_dir/../hosts/mdns-flood.py" "$(host_addr 10.0.0 250)" 5353 \
       $((rate * 8 / 10)) "$seconds"
     flooders+=($!)
-    start_in "$lan" d251 "$work/f1" /usr/bin/python3 "$lab_dir/mdns-flood.py" "$(host_addr 10.0.0 251)" 0 \
+    start_in "$lan" d251 "$work/f1" /usr/bin/python3 "$lab_dir/../hosts/mdns-flood.py" "$(host_addr 10.0.0 251)" 0 \
       $((rate / 10)) "$seconds"
     flooders+=($!)
-    start_in "$lan" d252 "$work/f2" /usr/bin/python3 "$lab_dir/mdns-flood.py" 10.99.0.2 0 $((rate / 10)) "$seconds"
+    start_in "$lan" d252 "$work/f2" /usr/bin/python3 "$lab_dir/../hosts/mdns-flood.py" 10.99.0.2 0 $((rate / 10)) "$seconds"
     flooders+=($!)
     sleep 1
     clients &

@@ -3,12 +3,12 @@
 # each with its own avahi-daemon announcing "_http._tcp", and one discovery
 # run in the finder with a 1-second silence time. Prints how long the LAN took
 # to come up, the driver's figures, how many device addresses were found and
-# every one missed. Runs itself inside lab/isolated.sh, so the LAN and every
+# every one missed. Runs itself inside lab/lan/isolated.sh, so the LAN and every
 # responder vanish with it. Needs root.
 #   bench/mdns_load.sh BUILD_DIR [COUNT]
 set -euo pipefail
-# shellcheck source=lab/lib.sh
-source "$(dirname "$0")/../lab/lib.sh"
+# shellcheck source=lab/lan/lib.sh
+source "$(dirname "$0")/../lab/lan/lib.sh"
 
 [ $# -ge 1 ] || die "usage: $0 BUILD_DIR [COUNT]"
 build=$(cd "$1" && pwd)

@@ -7,12 +7,12 @@
 #   bench/morl_load.sh BUILD_DIR [N...]     (default N: 250 500)
 #
 # Hosts from 2 on, skipping those whose last byte would be 0 or 255: N up to
-# 253 gives a /24, up to 1000 a /22 (lab/lan.sh). Runs itself inside
-# lab/isolated.sh, so every namespace and process is gone when it ends. Needs
+# 253 gives a /24, up to 1000 a /22 (lab/lan/lan.sh). Runs itself inside
+# lab/lan/isolated.sh, so every namespace and process is gone when it ends. Needs
 # root.
 set -euo pipefail
-# shellcheck source=lab/lib.sh
-source "$(dirname "$0")/../lab/lib.sh"
+# shellcheck source=lab/lan/lib.sh
+source "$(dirname "$0")/../lab/lan/lib.sh"
 
 [ $# -ge 1 ] || die "usage: morl_load.sh BUILD_DIR [N...]"
 build=$(cd "$1" && pwd)

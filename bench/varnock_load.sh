@@ -9,12 +9,12 @@
 # the run: the UDP and TCP counters of the device's site, the finder's UDP
 # receive buffer drops and the kernel's backlog drops.
 #
-# The LAN and its devices are lab/lib.sh's load LAN (load_lan_up). Runs itself
-# inside lab/isolated.sh, so everything vanishes with it. Needs root.
+# The LAN and its devices are lab/lan/lib.sh's load LAN (load_lan_up). Runs itself
+# inside lab/lan/isolated.sh, so everything vanishes with it. Needs root.
 #   bench/varnock_load.sh [--runs N] BUILD_DIR [SIZE...]
 set -euo pipefail
-# shellcheck source=lab/lib.sh
-source "$(dirname "$0")/../lab/lib.sh"
+# shellcheck source=lab/lan/lib.sh
+source "$(dirname "$0")/../lab/lan/lib.sh"
 runs=5
 if [ "${1:-}" = "--runs" ]; then runs=$2; shift 2; fi
 [ $# -ge 1 ] || die "usage: $0 [--runs N] BUILD_DIR [MORLxMDNS...]"

@@ -7,6 +7,7 @@
 #include <boost/program_options.hpp>
 
 #include "device/SiteFile.h"
+#include "morl/ControllerInfo.h"
 
 namespace po = boost::program_options;
 
@@ -31,6 +32,13 @@ Startup configure(int argc, char** argv, std::ostream& out, std::ostream& err) {
       "http-content-type", "http-body", "http-status", "http-delay",       "morl-delay"};
   std::vector<std::string> services;
   std::string site;
+  std::string serviceHelp =
+      "a supported service TYPE:VALUE (type 0-255, value 0-65535); repeat for up to 10, "
+      "announced in the given order (default: 2:1). Device type names:";
+  for (unsigned char type = 0; deviceTypeName(type) != deviceTypeName(255); ++type)
+    serviceHelp += " " + std::to_string(type) + " " + deviceTypeName(type) + ",";
+  serviceHelp +=
+      " other " + deviceTypeName(255) + "; the info server reports the type of the last service";
   // clang-format off
   options.add_options()
     ("help,h", "print this help and exit")
@@ -43,11 +51,7 @@ Startup configure(int argc, char** argv, std::ostream& out, std::ostream& err) {
     ("name", po::value<std::string>(), "device name, at most 30 characters (default: varnock-device)")
     ("software-version", po::value<std::string>(),
      "software version, at most 20 characters (default: 1.0.0)")
-    ("service", po::value<std::vector<std::string>>(&services),
-     "a supported service TYPE:VALUE (type 0-255, value 0-65535); repeat for up to 10, "
-     "announced in the given order (default: 2:1). Device type names: 0 extender_dorn, "
-     "1 extender_brask, 2 pallor_module, 3 extender_quin, 4 extender_fell, other uknown; "
-     "the info server reports the type of the last service")
+    ("service", po::value<std::vector<std::string>>(&services), serviceHelp.c_str())
     ("no-service", "announce no service: the device type is empty")
     ("owner", po::value<std::string>(), "owner UUID, 24 hex digits (default: all zero)")
     ("no-unicast", "do not offer unicast replies (header flag 0x04 clear)")

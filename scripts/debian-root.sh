@@ -13,8 +13,8 @@
 # RELEASE is bookworm (Debian 12) or trixie (Debian 13); VARNOCK_ROOTS is where the
 # roots are kept (/var/cache/varnock/roots).
 set -euo pipefail
-# shellcheck source=lab/lib.sh
-source "$(dirname "$0")/../lab/lib.sh"
+# shellcheck source=lab/lan/lib.sh
+source "$(dirname "$0")/../lab/lan/lib.sh"
 
 roots=${VARNOCK_ROOTS:-/var/cache/varnock/roots}
 mirror=http://deb.debian.org/debian

@@ -10,8 +10,8 @@
 # build/. Needs root.
 #   scripts/demo.sh [--capture FILE] [--build DIR]
 set -euo pipefail
-# shellcheck source=lab/lib.sh
-source "$(dirname "$0")/../lab/lib.sh"
+# shellcheck source=lab/lan/lib.sh
+source "$(dirname "$0")/../lab/lan/lib.sh"
 root=$(cd "$(dirname "$0")/.." && pwd)
 args=("$@") capture="" bin=""
 while [ $# -gt 0 ]; do

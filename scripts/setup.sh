@@ -4,8 +4,8 @@
 # build tree is only brought up to date.
 #   scripts/setup.sh [--no-build] [build-dir]
 set -euo pipefail
-# shellcheck source=lab/lib.sh
-source "$(dirname "$0")/../lab/lib.sh"
+# shellcheck source=lab/lan/lib.sh
+source "$(dirname "$0")/../lab/lan/lib.sh"
 
 root=$(cd "$(dirname "$0")/.." && pwd)
 build=1

@@ -5,6 +5,7 @@
 #include <regex>
 
 #include "VarnockOnLan.h"
+#include "morl/ControllerInfo.h"
 
 // Captures of runs on the simulated LAN, read by tshark with the MORL dissector.
 
@@ -40,21 +41,20 @@ TEST(MorlCapture, ShowsEachDeviceAsConfiguredAndEveryPacketOfTheRun) {
   VARNOCK_REQUIRE_LAN();
   Lan lan({3, 10, 11, 12, 13, 14, 15});
   ASSERT_TRUE(lan.ok());
-  const char* types[] = {"extender_dorn", "extender_brask", "pallor_module",
-                         "extender_quin", "extender_fell",  "uknown"};
   std::vector<std::string> expected = {
       "10.0.0.1\t255.255.255.255\t0\t0x05\t\t\t\t",
       "10.0.0.3\t255.255.255.255\t0\t0x01\t\t\t\t",
       "10.0.0.1\t255.255.255.255\t0\t0x06\td14e\tcurrent\t\t",
   };
   for (int i = 0; i < 6; ++i) {
+    const int type = i < 5 ? i : 7;
     const std::string host = std::to_string(10 + i), name = "Dev-" + host;
     const std::string version = "1." + std::to_string(i) + ".0";
     ASSERT_GT(startDevice(lan, "d" + host,
                           {"--name", name, "--software-version", version, "--service",
-                           std::to_string(i < 5 ? i : 7) + ":1", "--no-mdns", "--no-http"}),
+                           std::to_string(type) + ":1", "--no-mdns", "--no-http"}),
               0);
-    const std::string fields = name + "\t" + version + "\t" + types[i] + "\t";
+    const std::string fields = name + "\t" + version + "\t" + deviceTypeName(type) + "\t";
     expected.push_back("10.0.0." + host + "\t10.0.0.1\t0\t0x06\t" + fields);
     expected.push_back("10.0.0." + host + "\t255.255.255.255\t0\t0x06\t" + fields);
   }

@@ -170,7 +170,7 @@ TEST(VarnockLan, TerminalShowsUnprintableNetworkBytesAsQuestionMarksAndPipeGetsT
   const Device& web = devices[3];
   ASSERT_GT(startDevice(lan, "d20", {"--name", "Web", "--no-service", "--no-http"}), 0);
   ASSERT_GT(lan.spawn("d20",
-                      {"python3", Lan::script("bad-http.py"), "body", "60",
+                      {"python3", Lan::script("hosts/bad-http.py"), "body", "60",
                        body("\r", web.name, web.version)},
                       lan.scratchFile("http.log")),
             0);

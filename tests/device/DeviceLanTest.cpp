@@ -86,12 +86,12 @@ TEST(DeviceLan, IndependentMdnsClientsResolveTheDevice) {
     const Lan::Result r = varnock(lan, args);
     EXPECT_EQ(r.out + r.err, listed) << args[0];
   }
-  const Lan::Result avahi = lan.run("d3", {Lan::script("avahi-browse.sh"), lan.ns("d3")});
+  const Lan::Result avahi = lan.run("d3", {Lan::script("hosts/avahi-browse.sh"), lan.ns("d3")});
   EXPECT_EQ(avahi.out, "=;eth0;IPv4;Pallor-2-0a0b0c;Web Site;local;vd-" + kUuid +
                            ".local;10.0.0.2;80;\"uuid=" + kUuid + "\"\n")
       << avahi.err;
   const Lan::Result zeroconf =
-      lan.run("d3", {"/usr/bin/python3", Lan::script("zeroconf-browse.py"), "2"});
+      lan.run("d3", {"/usr/bin/python3", Lan::script("hosts/zeroconf-browse.py"), "2"});
   EXPECT_EQ(zeroconf.out, "Pallor-2-0a0b0c._http._tcp.local. vd-" + kUuid +
                               ".local. 10.0.0.2 80 ['uuid=" + kUuid + "']\n")
       << zeroconf.err;

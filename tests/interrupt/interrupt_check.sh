@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Interruption check: starts the demo, the load check and the hostile soak (in
-# a session of their own, each building its LAN inside lab/isolated.sh), sends
+# a session of their own, each building its LAN inside lab/lan/isolated.sh), sends
 # each a signal at a chosen moment, with `kill PID` or ("Ctrl-C") to its
 # process group as a terminal does, and checks that it ends within STOP s and
 # leaves nothing: no process of its session or of its PID namespace, no network
@@ -13,11 +13,11 @@
 # check.
 #   tests/interrupt/interrupt_check.sh BUILD
 set -euo pipefail
-# shellcheck source=lab/lib.sh
-source "$(dirname "$0")/../../lab/lib.sh"
+# shellcheck source=lab/lan/lib.sh
+source "$(dirname "$0")/../../lab/lan/lib.sh"
 [ $# -eq 1 ] || die "usage: $0 BUILD"
 build=$(cd "$1" && pwd)
-root=$(cd "$lab_dir/.." && pwd)
+root=$(cd "$lab_dir/../.." && pwd)
 need_root
 STOP=5
 
@@ -60,7 +60,7 @@ ended() {  # PID: whether PID, a child, has ended
   [ ! -e "/proc/$1" ]
 }
 
-inner_ns() {  # PID: the PID namespace of the command that lab/isolated.sh runs as PID, if it runs
+inner_ns() {  # PID: the PID namespace of the command that lab/lan/isolated.sh runs as PID, if it runs
   local unshare init
   unshare=$(cat "/proc/$1/task/$1/children" 2>/dev/null || true)
   init=$(cat "/proc/${unshare%% *}/task/${unshare%% *}/children" 2>/dev/null || true)

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Load check: on lab/lib.sh's load LAN of 500 MORL devices and 100 mDNS/HTTP
+# Load check: on lab/lan/lib.sh's load LAN of 500 MORL devices and 100 mDNS/HTTP
 # devices, RUNS runs of `varnock -M 1 -T 1 --json` in the finder. Fails when a
 # run misses a device, when the finder's UDP receive buffers drop anything
 # during a run (RcvbufErrors of its namespace), or when the fastest run ends
@@ -10,10 +10,10 @@
 # put back afterwards, or at the next check's start when a check was killed
 # (the value to put back is kept in /run, which, like the setting, a reboot
 # clears). One check runs at a time; another waits for it. Runs itself inside
-# lab/isolated.sh. Needs root.
+# lab/lan/isolated.sh. Needs root.
 set -euo pipefail
-# shellcheck source=lab/lib.sh
-source "$(dirname "$0")/../../lab/lib.sh"
+# shellcheck source=lab/lan/lib.sh
+source "$(dirname "$0")/../../lab/lan/lib.sh"
 runs=3
 if [ "${1:-}" = "--runs" ]; then runs=$2; shift 2; fi
 [ $# -eq 1 ] || die "usage: $0 [--runs N] BUILD"

@@ -31,15 +31,15 @@
 # its rate. So the valid devices run at a raised CPU priority (nice -10), the
 # attackers a little below them (-5) and the finder at the normal one. The
 # devices and attackers are those of the first build.
-# Runs itself inside lab/isolated.sh; every packet stays inside the LAN it
+# Runs itself inside lab/lan/isolated.sh; every packet stays inside the LAN it
 # builds. Needs root.
 #   tests/soak/hostile_soak.sh [--runs N] [--flood SECONDS] BUILD [BUILD...]
 # A build whose varnock was built with VARNOCK_SANITIZE_ADDRESS runs with
 # ASAN_OPTIONS=detect_leaks=1:abort_on_error=1; set LLVM_PROFILE_FILE for a
 # coverage build.
 set -euo pipefail
-# shellcheck source=lab/lib.sh
-source "$(dirname "$0")/../../lab/lib.sh"
+# shellcheck source=lab/lan/lib.sh
+source "$(dirname "$0")/../../lab/lan/lib.sh"
 runs=5 flood=10
 while [ $# -gt 0 ]; do
   case "$1" in
@@ -88,15 +88,15 @@ cat >"$work/site.json" <<JSON
 ]}
 JSON
 node 10 d10.log nice -n -10 "$tools/device/varnock-device" --site "$work/site.json"
-expected=$(printf '%s\n' "$(ip 10) Dorn-Hall 1.0.3 extender_dorn" \
-  "$(ip 11) Brask-Gate 2.0.0 extender_brask" "$(ip 12) Fell-Lab 0.9.8 extender_fell" \
-  "$(ip 13) Odd-One 7.7 uknown" "$(ip 14) Pallor-Main 2.4.1 pallor_module")
+expected=$(printf '%s\n' "$(ip 10) Dorn-Hall 1.0.3 ${device_types[0]}" \
+  "$(ip 11) Brask-Gate 2.0.0 ${device_types[1]}" "$(ip 12) Fell-Lab 0.9.8 ${device_types[4]}" \
+  "$(ip 13) Odd-One 7.7 uknown" "$(ip 14) Pallor-Main 2.4.1 ${device_types[2]}")
 
 # Misbehaving HTTP hosts; they end by themselves when the soak's time is up.
 budget=$(((flood + MDNS_WAIT + 25) * (runs * ${#builds[@]} + 1) + 60))
 modes=(garbage close slow never)
 for i in 0 1 2 3; do
-  node "${hostile_http[$i]}" "d${hostile_http[$i]}.log" python3 "$lab_dir/bad-http.py" "${modes[$i]}" "$budget"
+  node "${hostile_http[$i]}" "d${hostile_http[$i]}.log" python3 "$lab_dir/../hosts/bad-http.py" "${modes[$i]}" "$budget"
 done
 ready=()
 for h in "${hostile_http[@]}"; do

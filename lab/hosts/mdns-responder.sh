@@ -7,8 +7,8 @@
 # stops avahi, and its folder is removed.
 #   mdns-responder.sh LAN NODE HOST-NAME [PORT]
 set -euo pipefail
-# shellcheck source=lab/lib.sh
-source "$(dirname "$0")/lib.sh"
+# shellcheck source=lab/lan/lib.sh
+source "$(dirname "$0")/../lan/lib.sh"
 [ $# -ge 3 ] || die "usage: mdns-responder.sh LAN NODE HOST-NAME [PORT]"
 ns=$(lan_ns "$1" "$2") host=$3 port=${4:-80}
 [ -e "/run/netns/$ns" ] || die "no namespace $ns"

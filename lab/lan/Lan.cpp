@@ -107,7 +107,7 @@ Lan::Lan(std::vector<int> deviceHosts, int finderHost, std::string net) : net_(s
   char dir[] = "/tmp/varnock-lan.XXXXXX";
   if (mkdtemp(dir)) scratch_ = dir;
   if (!haveRoot()) return;
-  std::vector<std::string> argv{script("lan.sh"),          "up", name_, "--net", net_, "--finder",
+  std::vector<std::string> argv{script("lan/lan.sh"),      "up", name_, "--net", net_, "--finder",
                                 std::to_string(finderHost)};
   for (int h : deviceHosts) argv.push_back(std::to_string(h));
   ok_ = shell(argv) == 0;
@@ -119,7 +119,7 @@ Lan::~Lan() {
     close(homeNetns_);
   }
   for (pid_t pid : children_) stop(pid, std::chrono::milliseconds(2000));
-  if (haveRoot()) shell({script("lan.sh"), "down", name_});
+  if (haveRoot()) shell({script("lan/lan.sh"), "down", name_});
   if (!scratch_.empty()) shell({"rm", "-rf", scratch_});
 }
 
@@ -131,13 +131,13 @@ std::string Lan::ip(int host) const {
 
 std::string Lan::ns(const std::string& node) const {
   static std::atomic<int> counter{0};
-  return output({script("lan.sh"), "ns", name_, node},
+  return output({script("lan/lan.sh"), "ns", name_, node},
                 scratch_ + "/ns" + std::to_string(counter++) + ".out");
 }
 
 std::vector<std::string> Lan::inNode(const std::string& node,
                                      const std::vector<std::string>& argv) const {
-  std::vector<std::string> full{script("lan.sh"), "exec", name_, node, "--"};
+  std::vector<std::string> full{script("lan/lan.sh"), "exec", name_, node, "--"};
   full.insert(full.end(), argv.begin(), argv.end());
   return full;
 }
@@ -194,7 +194,7 @@ bool Lan::enter(const std::string& node) {
 bool Lan::waitForPort(const std::string& node, const std::string& proto, int port,
                       std::chrono::milliseconds timeout) {
   auto seconds = std::chrono::ceil<std::chrono::seconds>(timeout).count();
-  return shell({"env", "VARNOCK_WAIT=" + std::to_string(seconds), script("lib.sh"), "wait_port",
+  return shell({"env", "VARNOCK_WAIT=" + std::to_string(seconds), script("lan/lib.sh"), "wait_port",
                 name_, node, proto, std::to_string(port)}) == 0;
 }
 
@@ -206,7 +206,7 @@ pid_t Lan::startCapture(const std::string& node, const std::string& file) {
 
 pid_t Lan::startMdnsResponder(const std::string& node, const std::string& hostName) {
   std::string log = scratch_ + "/avahi-" + hostName + ".log";
-  std::vector<std::string> argv{script("mdns-responder.sh"), name_, node, hostName};
+  std::vector<std::string> argv{script("hosts/mdns-responder.sh"), name_, node, hostName};
   pid_t pid = startProcess(argv, log, log);
   if (pid <= 0) return pid;
   children_.push_back(pid);

@@ -1,5 +1,5 @@
 // A hostile host of the simulated LAN. Run it only inside a namespace that
-// lab/lan.sh built: every packet goes to the finder's addresses or to the
+// lab/lan/lan.sh built: every packet goes to the finder's addresses or to the
 // segment's broadcast, spoofed ones from addresses the caller gives. Each mode
 // stops by itself after SECONDS of attack (or on SIGTERM), RATE packets a
 // second, and prints one summary line.
@@ -440,6 +440,6 @@ int main(int argc, char** argv) {
                "usage: varnock-hostile morl FINDER RATE SECONDS [REQUESTS%%]\n"
                "       varnock-hostile mdns FINDER RATE SECONDS SPOOF-FIRST SPOOF-COUNT\n"
                "       varnock-hostile answer NAME VERSION SECONDS\n"
-               "Run it only inside a namespace of the simulated LAN (lab/lan.sh).\n");
+               "Run it only inside a namespace of the simulated LAN (lab/lan/lan.sh).\n");
   return 2;
 }

@@ -12,7 +12,7 @@
 # Ctrl-C reaches it through this script only. SIGKILL to this script ends the
 # namespaces at once.
 set -euo pipefail
-# shellcheck source=lab/lib.sh
+# shellcheck source=lab/lan/lib.sh
 source "$(dirname "$0")/lib.sh"
 if ! have_root || ! command -v unshare >/dev/null; then exec "$@"; fi
 

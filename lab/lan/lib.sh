@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
 # The lab's shell library: every helper that the scripts building or using the
 # simulated LAN share, each in one place. Scripts source it first thing:
-#   source "$(dirname "$0")/../lab/lib.sh"
+#   source "$(dirname "$0")/../lab/lan/lib.sh"
 # Programs that are not shell scripts run one helper as a command:
-#   lab/lib.sh HELPER ARGS...
+#   lab/lan/lib.sh HELPER ARGS...
 # VARNOCK_WAIT: seconds a wait (for hosts to print "ready", for a port) may go
 # without progress before it fails; 60 by default.
 
@@ -28,7 +28,7 @@ need_root() {  # exits 77 ("not run") unless root
   exit 77
 }
 
-isolate() {  # ARGS...: runs the calling script again with ARGS inside lab/isolated.sh, unless it runs there already
+isolate() {  # ARGS...: runs the calling script again with ARGS inside lab/lan/isolated.sh, unless it runs there already
   [ -n "${VARNOCK_ISOLATED:-}" ] || exec "$lab_dir/isolated.sh" bash "$lab_self" "$@"
 }
 
@@ -122,8 +122,8 @@ start_in() {  # LAN NODE LOG COMMAND...: COMMAND in the node in the background, 
   lab_pids+=($!)
 }
 
-start_responder() {  # LAN HOST NAME LOG: an mDNS responder in dHOST that announces NAME (lab/mdns-responder.sh)
-  "$lab_dir/mdns-responder.sh" "$1" "d$2" "$3" >"$4" 2>&1 &
+start_responder() {  # LAN HOST NAME LOG: an mDNS responder in dHOST that announces NAME (lab/hosts/mdns-responder.sh)
+  "$lab_dir/../hosts/mdns-responder.sh" "$1" "d$2" "$3" >"$4" 2>&1 &
   lab_pids+=($!)
 }
 
@@ -212,8 +212,9 @@ backlog_drops() {  # packets the kernel dropped from its per-CPU receive backlog
 
 # --- the load LAN: many devices, and runs of the whole tool in its finder
 
-# Device type by MORL service type 0 to 4.
-load_types=(extender_dorn extender_brask pallor_module extender_quin extender_fell)
+# The device-type names of MORL service types 0 to 4, as varnock prints them: the shell's one
+# copy, checked against the product's by tests/morl/DeviceTypeNamesTest.cpp.
+device_types=(extender_dorn extender_brask pallor_module extender_quin extender_fell)
 
 load_site_size=500
 
@@ -229,11 +230,11 @@ load_site() {  # KIND HOST...: the site file of HOST... (KIND MORL or MDNS); the
     if [ "$kind" = MORL ]; then
       printf '%s{"address": "%s", "name": "morl-%s", "software-version": "1.%s", "services": ["%s:1"]}\n' \
         "$sep" "$(host_addr 10.0.0 "$h")" "$h" "$h" $((h % 5)) >>"$file"
-      echo "$(host_addr 10.0.0 "$h") morl-$h 1.$h ${load_types[h % 5]} MORL $node" >>"$work/expected"
+      echo "$(host_addr 10.0.0 "$h") morl-$h 1.$h ${device_types[h % 5]} MORL $node" >>"$work/expected"
     else
       printf '%s{"address": "%s", "name": "http-%s", "software-version": "2.%s"}\n' \
         "$sep" "$(host_addr 10.0.0 "$h")" "$h" "$h" >>"$file"
-      echo "$(host_addr 10.0.0 "$h") http-$h 2.$h pallor_module mDNS+HTTP $node" >>"$work/expected"
+      echo "$(host_addr 10.0.0 "$h") http-$h 2.$h ${device_types[2]} mDNS+HTTP $node" >>"$work/expected"
     fi
     sep=,
   done

@@ -28,7 +28,7 @@
 # resolve anybody on the finder's account.
 set -euo pipefail
 
-# shellcheck source=lab/lib.sh
+# shellcheck source=lab/lan/lib.sh
 source "$(dirname "$0")/lib.sh"
 
 lan_namespaces() {  # LAN: every namespace of the LAN, bridge last

@@ -33,7 +33,7 @@ class Lan {
   static std::string script(const std::string& name);
 
   bool ok() const { return ok_; }
-  /// The LAN's name for lan.sh and faults.sh.
+  /// The LAN's name for lan.sh and guide.sh.
   const std::string& name() const { return name_; }
   /// A path in the LAN's scratch folder, removed at teardown.
   std::string scratchFile(const std::string& name) const { return scratch_ + "/" + name; }
