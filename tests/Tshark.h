@@ -39,8 +39,9 @@ inline std::string tsharkErrors(const std::string& err) {
   return std::regex_replace(err, notes, "");
 }
 
-/// The MORL part of each packet of tshark's PDML: a line per item, "name=shown" (or its label),
-/// then "@offset+size" for an item of bytes, indented by depth; expert items by their name.
+/// The MORL part of each packet of tshark's PDML: a line per item of the MORL tree and its items
+/// after it, each as "name=shown" (or its label) and "@offset+size" for an item of bytes; expert
+/// items by their name.
 inline std::string morlTrees(const std::string& pdml) {
   static const std::regex item(
       R"re(^( *)<(?:field|proto) name="([^"]*)"(?: showname="([^"]*)")?( hide="yes")? size="(\d+)" pos="(\d+)"(?: show="([^"]*)")?)re");
@@ -54,9 +55,10 @@ inline std::string morlTrees(const std::string& pdml) {
         std::regex_search(line, m, item)) {
       depth = line.find('<');
       start = std::stoi(m[6]);
-      out += "MORL\n";
+      out += "MORL";
     } else if (line.find("</proto>") != std::string::npos && line.find('<') == depth) {
       depth = std::string::npos;
+      out += "\n";
     } else if (depth != std::string::npos && std::regex_search(line, m, item) && m[4] == "" &&
                m[2] != "_ws.expert" && m[2].str().rfind("_ws.expert.", 0) != 0) {
       std::string text = m[2] == "_ws.lua.text" ? m[3].str() : m[2].str();
@@ -64,7 +66,7 @@ inline std::string morlTrees(const std::string& pdml) {
       const std::string shown = m[7] == "True" ? "1" : m[7] == "False" ? "0" : m[7].str();
       if (!shown.empty()) text += "=" + shown;
       if (m[5] != "0") text += " @" + std::to_string(std::stoi(m[6]) - start) + "+" + m[5].str();
-      out += std::string(m[1].length() - depth, ' ') + text + "\n";
+      out += (m[1].length() - depth == 2 ? "\n  " : ", ") + text;
     }
   }
   return out;
