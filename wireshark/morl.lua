@@ -107,9 +107,19 @@ end
 forget()
 morl.init = forget
 
--- The frame of the request that a response answers, or nil.
+-- The frame of the request that a response answers, or nil. What each frame
+-- decided is kept in pages of 4096 frames: only the latest page changes, so
+-- a collector by generation does not walk the others again.
+local PAGE = 4096
 local function relate(number, from, kind, flags, seq, src, dst)
-  if asked_in[number] == nil then
+  local page = math.floor(number / PAGE)
+  local decided = asked_in[page]
+  if not decided then
+    decided = {}
+    asked_in[page] = decided
+  end
+  local slot = number % PAGE
+  if decided[slot] == nil then
     if not first_frame[src] then first_frame[src], first_from[src] = number, from end
     local key = kind .. ":" .. seq .. ":"
     local asked = false
@@ -118,9 +128,9 @@ local function relate(number, from, kind, flags, seq, src, dst)
     elseif flags % 4 >= 2 then
       asked = requests[key .. dst] or false
     end
-    asked_in[number] = asked
+    decided[slot] = asked
   end
-  return asked_in[number] or nil
+  return decided[slot] or nil
 end
 
 -- CRC-32 without the final inversion (JAMCRC), reflected, polynomial 0xEDB88320.
