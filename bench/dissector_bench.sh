@@ -1,39 +1,61 @@
 #!/usr/bin/env bash
-# How fast tshark decodes MORL with the dissector (wireshark/morl.lua): a
-# capture of COUNT datagrams (100,000 by default; every kind the dissector
-# knows, malformed ones among them, from bench/morl-capture.py) read RUNS times
-# with the dissector and RUNS times without it (plain UDP), printing
-# min/median/max of the wall time and the time per 100,000 packets. Needs
-# tshark, no network.
-#   bench/dissector_bench.sh [--runs N] [COUNT]
+# How fast tshark decodes MORL with the dissector (wireshark/morl.lua), against
+# plain tshark on the same capture (plain UDP): two captures of COUNT datagrams
+# (100,000 by default) from bench/morl-capture.py, a run's (every kind the
+# dissector knows, malformed ones among them) and garbage (random and mutated
+# datagrams, as a flood or a fuzzer sends), each read RUNS times with the
+# dissector and RUNS times without it by tshark -V, printing min/median/max of
+# the wall time and the median CPU time (user + system) of each, and the ratio
+# of the medians. With --root, the tshark of that Debian root (see
+# scripts/debian-root.sh) runs as nobody, as Wireshark 4.4 and later need for
+# Lua. Needs tshark, no network.
+#   bench/dissector_bench.sh [--runs N] [--root ROOT] [COUNT]
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 runs=5
-if [ "${1:-}" = "--runs" ]; then runs=$2; shift 2; fi
+debian_root=""
+while [ $# -gt 0 ]; do
+  case "$1" in
+    --runs) runs=$2; shift 2 ;;
+    --root) debian_root=$2; shift 2 ;;
+    *) break ;;
+  esac
+done
 count=${1:-100000}
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
-python3 "$root/bench/morl-capture.py" "$work/morl.pcap" "$count"
+chmod 755 "$work"
+tshark=(tshark)
+if [ -n "$debian_root" ]; then
+  tshark=(bash "$root/scripts/debian-root.sh" --run "$debian_root" --user --bind "$work" --bind "$root/wireshark" tshark)
+fi
+python3 "$root/bench/morl-capture.py" "$work/run.pcap" "$count"
+python3 "$root/bench/morl-capture.py" --garbage "$work/garbage.pcap" "$count"
+chmod 644 "$work"/*.pcap
 
 stats() {  # min/median/max of the numbers on stdin
   sort -g | awk '{ v[NR] = $1 } END { printf "%.2f / %.2f / %.2f", v[1], v[int((NR + 1) / 2)], v[NR] }'
 }
-timed() {  # ARGS...: the wall time of one tshark run over the capture, in seconds
-  local start end
-  start=$(date +%s.%N)
-  tshark -r "$work/morl.pcap" "$@" >/dev/null 2>&1
-  end=$(date +%s.%N)
-  awk -v s="$start" -v e="$end" 'BEGIN { printf "%.3f\n", e - s }'
+median() { sort -g | awk '{ v[NR] = $1 } END { print v[int((NR + 1) / 2)] }'; }
+timed() {  # FILE ARGS...: "WALL CPU" of one tshark -V over the capture, in seconds
+  local file=$1; shift
+  /usr/bin/time -f "%e %U %S" -o "$work/time" "${tshark[@]}" -r "$work/$file" -V "$@" >/dev/null 2>&1
+  awk '{ printf "%.3f %.3f\n", $1, $2 + $3 }' "$work/time"
 }
-echo "dissector_bench: $count MORL datagrams, $(du -h "$work/morl.pcap" | cut -f1) of capture, $runs runs each;" \
+echo "dissector_bench: $("${tshark[@]}" -v 2>/dev/null | head -1), $count datagrams a capture, $runs runs each;" \
   "load average $(cut -d' ' -f1-3 /proc/loadavg)"
-for mode in with without; do
-  : >"$work/$mode"
+for capture in run garbage; do
+  : >"$work/with" && : >"$work/without"
+  # Alternated, so that a change in the machine's load falls on both.
   for _ in $(seq "$runs"); do
-    if [ "$mode" = with ]; then timed -X "lua_script:$root/wireshark/morl.lua" -V >>"$work/$mode"
-    else timed -V >>"$work/$mode"; fi
+    timed "$capture.pcap" -X "lua_script:$root/wireshark/morl.lua" >>"$work/with"
+    timed "$capture.pcap" >>"$work/without"
   done
-  median=$(sort -g "$work/$mode" | awk '{ v[NR] = $1 } END { print v[int((NR + 1) / 2)] }')
-  echo "  $mode the dissector (tshark -V): $(stats <"$work/$mode") s;" \
-    "$(awk -v m="$median" -v n="$count" 'BEGIN { printf "%.2f", m * 100000 / n }') s per 100,000 packets (median)"
+  for mode in with without; do
+    echo "  $capture capture ($(du -h "$work/$capture.pcap" | cut -f1)), $mode the dissector:" \
+      "wall $(cut -d' ' -f1 "$work/$mode" | stats) s, CPU $(cut -d' ' -f2 "$work/$mode" | median) s (median)"
+  done
+  echo "  $capture capture: with / without, medians: wall" \
+    "$(awk -v a="$(cut -d' ' -f1 "$work/with" | median)" -v b="$(cut -d' ' -f1 "$work/without" | median)" 'BEGIN { printf "%.2f", a / b }'), CPU" \
+    "$(awk -v a="$(cut -d' ' -f2 "$work/with" | median)" -v b="$(cut -d' ' -f2 "$work/without" | median)" 'BEGIN { printf "%.2f", a / b }')"
 done

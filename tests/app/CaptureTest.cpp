@@ -1,28 +1,43 @@
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <map>
 #include <regex>
+#include <utility>
 
+#include "Tshark.h"
 #include "VarnockOnLan.h"
 #include "morl/ControllerInfo.h"
 
-// Captures of runs on the simulated LAN, read by tshark with the MORL dissector.
+// Captures of runs on the simulated LAN, read by each tshark with the MORL dissector.
 
 namespace {
 
-const std::string kDissector = "lua_script:" VARNOCK_SOURCE_DIR "/wireshark/morl.lua";
-
-/// Stops the finder's capture and gives tshark's fields of each of its MORL packets, a line each;
-/// tshark's errors in `err`.
-Lan::Result stopCapture(Lan& lan, pid_t tcpdump, const Args& fields) {
+/// Stops the finder's capture and gives, for each tshark, its fields of each of the capture's
+/// MORL packets, a line each; checks that it wrote no error and showed the packet trees that the
+/// first did.
+std::vector<std::pair<std::string, std::string>> stopCapture(Lan& lan, pid_t tcpdump,
+                                                             const Args& fields) {
   lan.stop(tcpdump);
-  Args args = {"tshark", "-X",   kDissector, "-r",    lan.scratchFile("run.pcap"),
-               "-Y",     "morl", "-T",       "fields"};
-  for (const auto& field : fields) args.insert(args.end(), {"-e", field});
-  Lan::Result r = lan.run("finder", args);
-  r.err = std::regex_replace(r.err, std::regex("Running as user.*\n"), "");
-  return r;
+  const std::string dir = lan.scratchFile("");
+  chmod(dir.c_str(), 0755);  // Debian 13's tshark reads it as nobody
+  std::vector<std::pair<std::string, std::string>> shown;
+  std::string trees;
+  for (auto [version, args] : tsharks(dir)) {
+    args.insert(args.end(), {"-r", dir + "run.pcap", "-Y", "morl", "-T"});
+    Args text = args;
+    text.push_back("fields");
+    for (const auto& field : fields) text.insert(text.end(), {"-e", field});
+    const Lan::Result r = lan.run("finder", text);
+    EXPECT_EQ(tsharkErrors(r.err), "") << version;
+    args.insert(args.end(), {"pdml", "-J", "morl"});
+    const std::string these = morlTrees(lan.run("finder", args).out);
+    if (shown.empty()) trees = these;
+    EXPECT_EQ(these, trees) << version;
+    shown.push_back({version, r.out});
+  }
+  return shown;
 }
 
 std::vector<std::string> sortedLines(const std::string& text) {
@@ -68,12 +83,12 @@ TEST(MorlCapture, ShowsEachDeviceAsConfiguredAndEveryPacketOfTheRun) {
       lan.run("d3", {kBin + "/lab/varnock-hostile", "morl", "10.0.0.1", "2", "0.9", "100"});
   ASSERT_EQ(asker.out.rfind("morl: 1 packets", 0), 0u) << asker.out;
   EXPECT_EQ(lan.stop(finder, std::chrono::seconds(1), std::chrono::seconds(10)), 0);
-  auto r = stopCapture(lan, tcpdump,
-                       {"ip.src", "ip.dst", "morl.type", "morl.flags", "morl.name", "morl.version",
-                        "morl.device_type", "morl.ignored"});
-  EXPECT_EQ(r.err, "");
   std::sort(expected.begin(), expected.end());
-  EXPECT_EQ(sortedLines(r.out), expected);
+  for (const auto& [version, out] :
+       stopCapture(lan, tcpdump,
+                   {"ip.src", "ip.dst", "morl.type", "morl.flags", "morl.name", "morl.version",
+                    "morl.device_type", "morl.ignored"}))
+    EXPECT_EQ(sortedLines(out), expected) << version;
 }
 
 // The hostile host sends every malformed kind it knows, and responses whose sequence, destination
@@ -95,22 +110,23 @@ TEST(MorlCapture, FlagsEveryHostilePacket) {
       std::regex_search(hostile.out, sent, std::regex("morl: (\\d+) packets.*, 0 not sent")))
       << hostile.out;
   EXPECT_EQ(lan.stop(finder, std::chrono::seconds(1), std::chrono::seconds(10)), 0);
-  auto r = stopCapture(lan, tcpdump, {"ip.src", "_ws.col.Info"});
-  EXPECT_EQ(r.err, "");
-  std::map<std::string, int> kinds;
-  for (const std::string& line : sortedLines(r.out)) {
-    const std::string info = std::regex_replace(
-        line, std::regex("^10\\.0\\.0\\.66\t(Malformed|Ignored): .*"), "hostile, flagged");
-    kinds[std::regex_replace(info, std::regex("^10\\.0\\.0\\.66\t.* request, seq 0x.*"),
-                             "hostile request")]++;
+  for (const auto& [version, out] : stopCapture(lan, tcpdump, {"ip.src", "_ws.col.Info"})) {
+    std::map<std::string, int> kinds;
+    for (const std::string& line : sortedLines(out)) {
+      const std::string info = std::regex_replace(
+          line, std::regex("^10\\.0\\.0\\.66\t(Malformed|Ignored): .*"), "hostile, flagged");
+      kinds[std::regex_replace(info, std::regex("^10\\.0\\.0\\.66\t.* request, seq 0x.*"),
+                               "hostile request")]++;
+    }
+    // Requests for UUIDs nobody has, and Discovery requests from the finder's UUID (flagged).
+    const int requests = kinds["hostile request"];
+    kinds.erase("hostile request");
+    EXPECT_GT(requests, 0) << version;
+    EXPECT_EQ(kinds, (std::map<std::string, int>{
+                         {"10.0.0.1\tDiscovery request, seq 0x5f16", 1},
+                         {"10.0.0.10\tDiscovery response: Dev-10 1.0.0 pallor_module", 1},
+                         {"hostile, flagged", std::stoi(sent[1]) - requests},
+                     }))
+        << version;
   }
-  // Requests for UUIDs nobody has, and Discovery requests from the finder's UUID (flagged).
-  const int requests = kinds["hostile request"];
-  kinds.erase("hostile request");
-  EXPECT_GT(requests, 0);
-  EXPECT_EQ(kinds, (std::map<std::string, int>{
-                       {"10.0.0.1\tDiscovery request, seq 0x5f16", 1},
-                       {"10.0.0.10\tDiscovery response: Dev-10 1.0.0 pallor_module", 1},
-                       {"hostile, flagged", std::stoi(sent[1]) - requests},
-                   }));
 }
