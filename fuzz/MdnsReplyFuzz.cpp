@@ -19,28 +19,22 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size < 1 + senderSize) return 0;
   sockaddr_in v4addr{};
   sockaddr_in6 v6addr{};
-  const sockaddr* from = nullptr;
-  size_t addrlen = 0;
-  uint16_t port = 0;
   if (v6) {
     v6addr.sin6_family = AF_INET6;
     std::memcpy(&v6addr.sin6_addr, data + 1, 16);
     std::memcpy(&v6addr.sin6_port, data + 17, 2);
     std::memcpy(&v6addr.sin6_scope_id, data + 19, 4);
-    port = v6addr.sin6_port;
-    from = reinterpret_cast<const sockaddr*>(&v6addr);
-    addrlen = sizeof v6addr;
   } else {
     v4addr.sin_family = AF_INET;
     std::memcpy(&v4addr.sin_addr, data + 1, 4);
     std::memcpy(&v4addr.sin_port, data + 5, 2);
-    port = v4addr.sin_port;
-    from = reinterpret_cast<const sockaddr*>(&v4addr);
-    addrlen = sizeof v4addr;
   }
+  const uint16_t port = v6 ? v6addr.sin6_port : v4addr.sin_port;
+  const auto* from =
+      v6 ? reinterpret_cast<const sockaddr*>(&v6addr) : reinterpret_cast<const sockaddr*>(&v4addr);
   MDNS_Discover::entries.clear();
-  const size_t counted =
-      mdns_read_reply(data + 1 + senderSize, size - 1 - senderSize, from, addrlen);
+  const size_t counted = mdns_read_reply(data + 1 + senderSize, size - 1 - senderSize, from,
+                                         v6 ? sizeof v6addr : sizeof v4addr);
   if (counted != MDNS_Discover::entries.size()) __builtin_trap();
   // Every record carries the sender's text as cut at its first ':'.
   char expected[INET6_ADDRSTRLEN + 2] = "";

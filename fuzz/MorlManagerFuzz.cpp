@@ -15,13 +15,9 @@ class Endpoint : public IMORLEndpoint {
  public:
   void getMyUUID(unsigned char (&out)[12]) const override { std::memset(out, 0x01, 12); }
   void getOwnerUUID(unsigned char (&out)[12]) const override { std::memset(out, 0x02, 12); }
-  void getDeviceName(char (&out)[30]) const override {
-    std::memset(out, 0, sizeof out);
-    std::memcpy(out, "d14e", 4);
-  }
+  void getDeviceName(char (&out)[30]) const override { std::strncpy(out, "d14e", sizeof out); }
   void getSoftwareVersion(char (&out)[20]) const override {
-    std::memset(out, 0, sizeof out);
-    std::memcpy(out, "current", 7);
+    std::strncpy(out, "current", sizeof out);
   }
   QM::Span<const MORL::SupportedServiceBlock> getSupportedServiceSet() const override {
     return {services, 2};
@@ -30,29 +26,26 @@ class Endpoint : public IMORLEndpoint {
   bool acceptsIncomingTameRequests(const unsigned char (&)[12]) const override { return true; }
   void onTameRequest(const unsigned char (&)[12], unsigned int, unsigned int, void*) override {}
   void onTameResponse(const unsigned char (&)[12]) override {}
+  /// Takes each block by its reported type.
   void onResponse(MORL::Header::Type, MORLParser& parser) override {
     MORL::BlockType type;
     for (unsigned long i = 0; i < parser.getTotalBlockCount(); ++i) {
       if (!parser.getNextBlockType(type)) std::abort();
-      if (type == MORL::BlockType::DeviceInfo) {
-        MORL::DeviceInfoBlock b;
-        if (!parser.getNext(b)) std::abort();
-      } else if (type == MORL::BlockType::SupportedService) {
-        MORL::SupportedServiceBlock b;
-        if (!parser.getNext(b)) std::abort();
-      } else {
-        MORL::TameStatusBlock b;
-        if (!parser.getNext(b)) std::abort();
-      }
+      MORL::DeviceInfoBlock info;
+      MORL::SupportedServiceBlock service;
+      MORL::TameStatusBlock tame;
+      const bool taken = type == MORL::BlockType::DeviceInfo         ? parser.getNext(info)
+                         : type == MORL::BlockType::SupportedService ? parser.getNext(service)
+                                                                     : parser.getNext(tame);
+      if (!taken) std::abort();
     }
   }
   void onWhistleRequest(const unsigned char (&)[12]) override {}
   void send(QM::Span<const unsigned char> packet, unsigned int, void*) override {
     // Every answer is a valid datagram of its own.
     MORL::Header h;
-    if (!h.unpack(packet) || packet.size() != MORL::Header::PackedSize + h.payloadLength) {
+    if (!h.unpack(packet) || packet.size() != MORL::Header::PackedSize + h.payloadLength)
       std::abort();
-    }
   }
 
  private:

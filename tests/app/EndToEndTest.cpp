@@ -1,8 +1,4 @@
 #include <gtest/gtest.h>
-#include <pty.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
@@ -19,45 +15,25 @@ std::string json(const std::string& type, const std::string& ip, const std::stri
   return "\t\t{\n\t\t\t\"device_type\" : \"" + type + "\",\n\t\t\t\"ip\" : \"" + ip +
          "\",\n\t\t\t\"name\" : \"" + name + "\",\n\t\t\t\"version\" : \"" + version + "\"\n\t\t}";
 }
+std::string jsonList(const std::string& records) {
+  return "{\n\t\"devices\" : \n\t[\n" + records + "\n\t]\n}\n\n";
+}
 
-const std::string kText =
-    "      10.0.0.10:                      Pallor-10               1.0.0\n"
-    "      10.0.0.11:                         Web-11                 3.2\n"
-    "      10.0.0.20:                        Http-20                 0.9\n"
-    "     10.0.0.200:                        Odd-200               1.0.0\n"
-    "       10.0.0.9:                         Dorn-9               1.0.0\n";
+const std::string p10 = "      10.0.0.10:                      Pallor-10               1.0.0\n",
+                  w11 = "      10.0.0.11:                         Web-11                 3.2\n",
+                  h20 = "      10.0.0.20:                        Http-20                 0.9\n",
+                  o200 = "     10.0.0.200:                        Odd-200               1.0.0\n",
+                  d9 = "       10.0.0.9:                         Dorn-9               1.0.0\n";
 
-/// varnock's standard output, run in the node this thread entered, written to a pseudo-terminal
-/// (line ends not translated) or a pipe.
-std::string output(bool terminal, Args args) {
-  int fd[2];  // read, write
-  if (terminal ? openpty(&fd[0], &fd[1], nullptr, nullptr, nullptr) != 0 : pipe(fd) != 0)
-    return "no pipe";
-  termios mode{};
-  if (terminal && tcgetattr(fd[1], &mode) == 0) {
-    mode.c_oflag &= ~OPOST;
-    tcsetattr(fd[1], TCSANOW, &mode);
-  }
-  args.insert(args.begin(), kBin + "/app/varnock");
-  std::vector<char*> argv;
-  for (std::string& a : args) argv.push_back(a.data());
-  argv.push_back(nullptr);
-  posix_spawn_file_actions_t files;
-  posix_spawn_file_actions_init(&files);
-  posix_spawn_file_actions_adddup2(&files, fd[1], 1);
-  posix_spawn_file_actions_addclose(&files, fd[0]);
-  pid_t pid = -1;
-  posix_spawn(&pid, argv[0], &files, nullptr, argv.data(), environ);
-  posix_spawn_file_actions_destroy(&files);
-  close(fd[1]);
-  std::string out;
-  char buffer[4096];
-  for (ssize_t n; (n = read(fd[0], buffer, sizeof buffer)) > 0;) out.append(buffer, n);
-  close(fd[0]);
-  int status = -1;
-  if (pid > 0) waitpid(pid, &status, 0);
-  EXPECT_EQ(status, 0) << args[1];
-  return out;
+/// varnock's standard output, run in the finder, written to a pseudo-terminal (line ends not
+/// translated) or a pipe.
+std::string output(Lan& lan, bool terminal, const Args& args) {
+  std::string command = "stty -opost; exec " + kBin + "/app/varnock";
+  for (const std::string& a : args) command += " " + a;
+  const Lan::Result r =
+      terminal ? lan.run("finder", {"script", "-qec", command, "/dev/null"}) : varnock(lan, args);
+  EXPECT_EQ(r.status, 0) << terminal;
+  return r.out;
 }
 
 }  // namespace
@@ -111,24 +87,18 @@ TEST(VarnockLan, EachRunPrintsExactlyWhatItsMethodsFind) {
        "Requesting 10.0.0.22/api/v1/info\nResponse 10.0.0.22/api/v1/info: 404, \n"
        "Requesting [fe80/api/v1/info\nError when opening socket to [fe80: Invalid argument\n"
        "Response 10.0.0.11/api/v1/info: 200, " +
-           web11 + "\nResult:\n" + kText,
+           web11 + "\nResult:\n" + p10 + w11 + h20 + o200 + d9,
        true},
       {{"--json", "-M", "1", "-T", "1"},
-       "{\n\t\"devices\" : \n\t[\n" + json("pallor_module", "10.0.0.10", "Pallor-10", "1.0.0") +
-           ",\n" + json("x", "10.0.0.11", "Web-11", "3.2") + ",\n" +
-           json("extender_fell", "10.0.0.20", "Http-20", "0.9") + ",\n" +
-           json("uknown", "10.0.0.200", "Odd-200", "1.0.0") + ",\n" +
-           json("extender_dorn", "10.0.0.9", "Dorn-9", "1.0.0") + "\n\t]\n}\n\n"},
-      {{"--mdns", "-M", "1", "-a"},
-       "      10.0.0.11:                         Web-11                 3.2\n"
-       "      10.0.0.20:                        Http-20                 0.9\n"
-       "      10.0.0.22: \n"},
+       jsonList(json("pallor_module", "10.0.0.10", "Pallor-10", "1.0.0") + ",\n" +
+                json("x", "10.0.0.11", "Web-11", "3.2") + ",\n" +
+                json("extender_fell", "10.0.0.20", "Http-20", "0.9") + ",\n" +
+                json("uknown", "10.0.0.200", "Odd-200", "1.0.0") + ",\n" +
+                json("extender_dorn", "10.0.0.9", "Dorn-9", "1.0.0"))},
+      {{"--mdns", "-M", "1", "-a"}, w11 + h20 + "      10.0.0.22: \n"},
       {{"--morl", "-T", "1", "-a"},
-       "      10.0.0.10:                      Pallor-10               1.0.0\n"
-       "      10.0.0.11:                        Both-11               1.0.0\n"
-       "     10.0.0.200:                        Odd-200               1.0.0\n"
-       "       10.0.0.7:                           Ctrl                    \n"
-       "       10.0.0.9:                         Dorn-9               1.0.0\n"},
+       p10 + "      10.0.0.11:                        Both-11               1.0.0\n" + o200 +
+           "       10.0.0.7:                           Ctrl                    \n" + d9},
       // Both switches: no discovery and no request, so the log holds only the result line.
       {{"--mdns", "--morl", "-v", "-a"}, "Result:\n"},
       {{"-m", "-t", "-j"}, "{\n\t\"devices\" : []\n}\n\n"},
@@ -182,7 +152,6 @@ TEST(VarnockLan, TerminalShowsUnprintableNetworkBytesAsQuestionMarksAndPipeGetsT
               {kBin + "/lab/varnock-hostile", "answer", d.name, d.version, "60"}, log);
     ASSERT_TRUE(Lan::waitForText(log, "ready\n"));
   }
-  ASSERT_TRUE(lan.enter("finder"));
   for (bool terminal : {true, false}) {
     std::string log, text, json;
     for (const Device& d : devices) {
@@ -202,10 +171,8 @@ TEST(VarnockLan, TerminalShowsUnprintableNetworkBytesAsQuestionMarksAndPipeGetsT
            "\nResult:\n";
     // The JSON writer escapes all but DEL.
     if (terminal) std::replace(json.begin(), json.end(), '\x7f', '?');
-    EXPECT_EQ(sortedLog(output(terminal, {"-t", "-T", "1", "-v"})), sortedLog(log + text))
+    EXPECT_EQ(sortedLog(output(lan, terminal, {"-t", "-T", "1", "-v"})), sortedLog(log + text))
         << terminal;
-    EXPECT_EQ(output(terminal, {"-t", "-T", "1", "-j"}),
-              "{\n\t\"devices\" : \n\t[\n" + json + "\n\t]\n}\n\n")
-        << terminal;
+    EXPECT_EQ(output(lan, terminal, {"-t", "-T", "1", "-j"}), jsonList(json)) << terminal;
   }
 }

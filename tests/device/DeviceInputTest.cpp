@@ -19,7 +19,6 @@ struct Row {
   Args args;         ///< "SITE" stands for the site file's path
   std::string site;  ///< its contents; none when empty
   std::string err;   ///< "SITE" stands for its path
-  int status;
 };
 
 std::string replaced(std::string text, const std::string& path) {
@@ -43,6 +42,13 @@ Startup configureWith(Args args, const std::string& site, const std::string& pat
 
 std::string siteOf(const std::string& devices) { return R"({"devices": [)" + devices + "]}"; }
 
+/// Address, name, version, type, HTTP port and delay, and the methods it runs.
+std::string fields(const DeviceConfig& d) {
+  return addressText(d.address) + " " + d.name + " " + d.softwareVersion + " " + deviceTypeOf(d) +
+         " :" + std::to_string(d.httpPort) + " +" + std::to_string(d.httpDelayMs) + "ms" +
+         (d.morl ? " morl" : "") + (d.http ? " http" : "") + (d.mdns ? " mdns" : "");
+}
+
 std::string repeated(const std::string& text, size_t times) {
   std::string out;
   while (times-- > 0) out += text;
@@ -58,53 +64,52 @@ TEST(DeviceInput, EveryBadInputIsOneLineAndStatusTwo) {
   const std::string lo = R"({"address": "127.0.0.1")";
   // clang-format off
   const std::vector<Row> rows{
-      {{"--http-delay", "-5"}, "", "--http-delay must be 0-600000 (milliseconds): -5\n" + kHelp, 2},
-      {{"--morl-delay", "600001"}, "", "--morl-delay must be 0-600000 (milliseconds): 600001\n" + kHelp, 2},
-      {{"--service", "300:1"}, "", "--service type must be 0-255: 300:1\n" + kHelp, 2},
-      {{"--service", "1:65536"}, "", "--service value must be 0-65535: 1:65536\n" + kHelp, 2},
-      {{"--service", "1"}, "", "--service needs TYPE:VALUE: 1\n" + kHelp, 2},
-      {{"--http-port", "0"}, "", "--http-port must be 1-65535: 0\n" + kHelp, 2},
-      {{"--http-status", "99"}, "", "--http-status must be 100-999: 99\n" + kHelp, 2},
-      {{"--uuid", "0g"}, "", "--uuid needs 24 hex digits: 0g\n" + kHelp, 2},
-      {{"--name", std::string(31, 'n')}, "", "--name is longer than 30 characters: " + std::string(31, 'n') + "\n" + kHelp, 2},
-      {{"--no-service", "--service", "1:1"}, "", "--no-service and --service exclude each other\n" + kHelp, 2},
-      {{"--address", "192.0.2.1"}, "", "--address is not an address of this host: 192.0.2.1\n" + kHelp, 2},
-      {{"--address", "10.0.0"}, "", "--address must be an IPv4 address: 10.0.0\n" + kHelp, 2},
-      {{"--http-delay"}, "", "the required argument for option '--http-delay' is missing\n" + kHelp, 2},
-      {{"--colour", "red"}, "", "unrecognised option '--colour'\n" + kHelp, 2},
-      {{"Pallor-Main"}, "", "unexpected argument 'Pallor-Main'\n" + kHelp, 2},
-      {{"--name", "A\x1b]0;X\x07"}, "", "--name holds a control character: A\\x1b]0;X\\x07\n" + kHelp, 2},
-      {{"--site", "SITE", "--name", "A"}, siteOf(lo + "}"), "--site takes no other device option: --name\n" + kHelp, 2},
-      {{"--site", "SITE"}, "", "SITE: cannot be read: No such file or directory\n", 2},
-      {{"--site", "/proc/sys/vm/compact_memory"}, "", "/proc/sys/vm/compact_memory: cannot be read: Permission denied\n", 2},
-      {{"--site", "/"}, "", "/: cannot be read: Is a directory\n", 2},
-      {{"--site", "/dev/zero"}, "", "/dev/zero: is a character device, not a regular file\n", 2},
-      {{"--site", "SITE.fifo"}, "", "SITE.fifo: is a FIFO, not a regular file\n", 2},
-      {{"--site", "SITE"}, std::string(kMaxSiteBytes + 1, ' '), "SITE: is larger than 4194304 bytes, the most a site file may hold\n", 2},
-      {{"--site", "SITE"}, repeated("[", 1001) + repeated("]", 1001), "SITE: JSON values nest more than 16 levels deep\n", 2},
-      {{"--site", "SITE"}, siteOf(lo + "} // one\n"), "SITE: line 1, column 39: Comments are not JSON.\n", 2},
-      {{"--site", "SITE"}, siteOf(lo + "},"), "SITE: line 1, column 39: Syntax error: value, object or array expected.\n", 2},
-      {{"--site", "SITE"}, siteOf(lo + R"(, "http-port": 80.0})"), "SITE: devices[0] (127.0.0.1): http-port must be an integer\n", 2},
-      {{"--site", "SITE"}, siteOf(lo + R"(, "name": "A\u0000B"})"), "SITE: devices[0] (127.0.0.1): name holds a NUL byte: A\\x00B\n", 2},
-      {{"--site", "SITE"}, siteOf(lo + R"(, "name": "A\u001b[31m"})"), "SITE: devices[0] (127.0.0.1): name holds a control character: A\\x1b[31m\n", 2},
-      {{"--site", "SITE"}, siteOf(lo + R"(, "software-version": "1\u0085"})"), "SITE: devices[0] (127.0.0.1): software-version is not printable UTF-8: 1\\xc2\\x85\n", 2},
-      {{"--site", "SITE"}, siteOf(lo + ", \"name\": \"A\xff\xfe\"}"), "SITE: devices[0] (127.0.0.1): name is not printable UTF-8: A\\xff\\xfe\n", 2},
-      {{"--site", "SITE"}, siteOf(lo + R"(, "owner": ")" + std::string(50000, 'f') + "\"}"), "SITE: devices[0] (127.0.0.1): owner needs 24 hex digits: ffffffffffffffffffffffffffffffff... (50000 bytes)\n", 2},
-      {{"--site", "SITE"}, siteOf(lo + R"(}, {"address": "192.0.2.1"}, {"colour": 1})"), "SITE: devices[1] (192.0.2.1): address is not an address of this host\n", 2},
-      {{"--site", "SITE"}, "{\"devices\": [}", "SITE: line 1, column 14: Syntax error: value, object or array expected.\n", 2},
-      {{"--site", "SITE"}, "[]", "SITE: must hold a JSON object\n", 2},
-      {{"--site", "SITE"}, R"({"devices": []})", "SITE: devices must be a non-empty array\n", 2},
-      {{"--site", "SITE"}, R"({"devices": [], "colour": 1})", "SITE: colour is not a field\n", 2},
-      {{"--site", "SITE"}, R"({"defaults": {"http-port": 0}, "devices": [{}]})", "SITE: defaults: http-port must be 1-65535: 0\n", 2},
-      {{"--site", "SITE"}, siteOf(lo + R"(}, {"name": "B"})"), "SITE: devices[1]: address is missing\n", 2},
-      {{"--site", "SITE"}, siteOf(lo + "}, " + lo + "}"), "SITE: devices[1] (127.0.0.1): address is that of devices[0] too\n", 2},
-      {{"--site", "SITE"}, siteOf(R"({"http-delay": -5, "address": "127.0.0.1"})"), "SITE: devices[0] (127.0.0.1): http-delay must be 0-600000 (milliseconds): -5\n", 2},
-      {{"--site", "SITE"}, siteOf(lo + R"(, "http-port": "80"})"), "SITE: devices[0] (127.0.0.1): http-port must be an integer\n", 2},
-      {{"--site", "SITE"}, siteOf(lo + R"(, "services": ["2:1", "300:1"]})"), "SITE: devices[0] (127.0.0.1): services type must be 0-255: 300:1\n", 2},
-      {{"--site", "SITE"}, siteOf(lo + R"(, "services": "2:1"})"), "SITE: devices[0] (127.0.0.1): services must be an array of \"TYPE:VALUE\" strings\n", 2},
-      {{"--site", "SITE"}, siteOf(lo + R"(, "morl": "no"})"), "SITE: devices[0] (127.0.0.1): morl must be true or false\n", 2},
-      {{"--site", "SITE"}, siteOf(lo + R"(, "colour": 1})"), "SITE: devices[0] (127.0.0.1): colour is not a field\n", 2},
-      {{"--site", "SITE"}, siteOf(lo + R"(, "name": "A", "name": "B"})"), "SITE: line 1, column 52: Duplicate key: 'name'\n", 2},
+      {{"--http-delay", "-5"}, "", "--http-delay must be 0-600000 (milliseconds): -5\n" + kHelp},
+      {{"--morl-delay", "600001"}, "", "--morl-delay must be 0-600000 (milliseconds): 600001\n" + kHelp},
+      {{"--service", "300:1"}, "", "--service type must be 0-255: 300:1\n" + kHelp},
+      {{"--service", "1:65536"}, "", "--service value must be 0-65535: 1:65536\n" + kHelp},
+      {{"--service", "1"}, "", "--service needs TYPE:VALUE: 1\n" + kHelp},
+      {{"--http-port", "0"}, "", "--http-port must be 1-65535: 0\n" + kHelp},
+      {{"--http-status", "99"}, "", "--http-status must be 100-999: 99\n" + kHelp},
+      {{"--uuid", "0g"}, "", "--uuid needs 24 hex digits: 0g\n" + kHelp},
+      {{"--name", std::string(31, 'n')}, "", "--name is longer than 30 characters: " + std::string(31, 'n') + "\n" + kHelp},
+      {{"--no-service", "--service", "1:1"}, "", "--no-service and --service exclude each other\n" + kHelp},
+      {{"--address", "192.0.2.1"}, "", "--address is not an address of this host: 192.0.2.1\n" + kHelp},
+      {{"--address", "10.0.0"}, "", "--address must be an IPv4 address: 10.0.0\n" + kHelp},
+      {{"--http-delay"}, "", "the required argument for option '--http-delay' is missing\n" + kHelp},
+      {{"--colour", "red"}, "", "unrecognised option '--colour'\n" + kHelp},
+      {{"Pallor-Main"}, "", "unexpected argument 'Pallor-Main'\n" + kHelp},
+      {{"--name", "A\x1b]0;X\x07"}, "", "--name holds a control character: A\\x1b]0;X\\x07\n" + kHelp},
+      {{"--site", "SITE", "--name", "A"}, siteOf(lo + "}"), "--site takes no other device option: --name\n" + kHelp},
+      {{"--site", "SITE"}, "", "SITE: cannot be read: No such file or directory\n"},
+      {{"--site", "/proc/sys/vm/compact_memory"}, "", "/proc/sys/vm/compact_memory: cannot be read: Permission denied\n"},
+      {{"--site", "/"}, "", "/: cannot be read: Is a directory\n"},
+      {{"--site", "/dev/zero"}, "", "/dev/zero: is a character device, not a regular file\n"},
+      {{"--site", "SITE.fifo"}, "", "SITE.fifo: is a FIFO, not a regular file\n"},
+      {{"--site", "SITE"}, std::string(kMaxSiteBytes + 1, ' '), "SITE: is larger than 4194304 bytes, the most a site file may hold\n"},
+      {{"--site", "SITE"}, repeated("[", 1001) + repeated("]", 1001), "SITE: JSON values nest more than 16 levels deep\n"},
+      {{"--site", "SITE"}, siteOf(lo + "} // one\n"), "SITE: line 1, column 39: Comments are not JSON.\n"},
+      {{"--site", "SITE"}, siteOf(lo + "},"), "SITE: line 1, column 39: Syntax error: value, object or array expected.\n"},
+      {{"--site", "SITE"}, siteOf(lo + R"(, "http-port": 80.0})"), "SITE: devices[0] (127.0.0.1): http-port must be an integer\n"},
+      {{"--site", "SITE"}, siteOf(lo + R"(, "name": "A\u0000B"})"), "SITE: devices[0] (127.0.0.1): name holds a NUL byte: A\\x00B\n"},
+      {{"--site", "SITE"}, siteOf(lo + R"(, "name": "A\u001b[31m"})"), "SITE: devices[0] (127.0.0.1): name holds a control character: A\\x1b[31m\n"},
+      {{"--site", "SITE"}, siteOf(lo + R"(, "software-version": "1\u0085"})"), "SITE: devices[0] (127.0.0.1): software-version is not printable UTF-8: 1\\xc2\\x85\n"},
+      {{"--site", "SITE"}, siteOf(lo + ", \"name\": \"A\xff\xfe\"}"), "SITE: devices[0] (127.0.0.1): name is not printable UTF-8: A\\xff\\xfe\n"},
+      {{"--site", "SITE"}, siteOf(lo + R"(, "owner": ")" + std::string(50000, 'f') + "\"}"), "SITE: devices[0] (127.0.0.1): owner needs 24 hex digits: ffffffffffffffffffffffffffffffff... (50000 bytes)\n"},
+      {{"--site", "SITE"}, siteOf(lo + R"(}, {"address": "192.0.2.1"}, {"colour": 1})"), "SITE: devices[1] (192.0.2.1): address is not an address of this host\n"},
+      {{"--site", "SITE"}, "[]", "SITE: must hold a JSON object\n"},
+      {{"--site", "SITE"}, R"({"devices": []})", "SITE: devices must be a non-empty array\n"},
+      {{"--site", "SITE"}, R"({"devices": [], "colour": 1})", "SITE: colour is not a field\n"},
+      {{"--site", "SITE"}, R"({"defaults": {"http-port": 0}, "devices": [{}]})", "SITE: defaults: http-port must be 1-65535: 0\n"},
+      {{"--site", "SITE"}, siteOf(lo + R"(}, {"name": "B"})"), "SITE: devices[1]: address is missing\n"},
+      {{"--site", "SITE"}, siteOf(lo + "}, " + lo + "}"), "SITE: devices[1] (127.0.0.1): address is that of devices[0] too\n"},
+      {{"--site", "SITE"}, siteOf(R"({"http-delay": -5, "address": "127.0.0.1"})"), "SITE: devices[0] (127.0.0.1): http-delay must be 0-600000 (milliseconds): -5\n"},
+      {{"--site", "SITE"}, siteOf(lo + R"(, "http-port": "80"})"), "SITE: devices[0] (127.0.0.1): http-port must be an integer\n"},
+      {{"--site", "SITE"}, siteOf(lo + R"(, "services": ["2:1", "300:1"]})"), "SITE: devices[0] (127.0.0.1): services type must be 0-255: 300:1\n"},
+      {{"--site", "SITE"}, siteOf(lo + R"(, "services": "2:1"})"), "SITE: devices[0] (127.0.0.1): services must be an array of \"TYPE:VALUE\" strings\n"},
+      {{"--site", "SITE"}, siteOf(lo + R"(, "morl": "no"})"), "SITE: devices[0] (127.0.0.1): morl must be true or false\n"},
+      {{"--site", "SITE"}, siteOf(lo + R"(, "colour": 1})"), "SITE: devices[0] (127.0.0.1): colour is not a field\n"},
+      {{"--site", "SITE"}, siteOf(lo + R"(, "name": "A", "name": "B"})"), "SITE: line 1, column 52: Duplicate key: 'name'\n"},
   };
   // clang-format on
   const std::string path = testing::TempDir() + "site-" + std::to_string(getpid()) + ".json";
@@ -114,7 +119,7 @@ TEST(DeviceInput, EveryBadInputIsOneLineAndStatusTwo) {
     const Startup startup = configureWith(row.args, row.site, path, out, err);
     const std::string context = row.args.back() + " " + row.site.substr(0, 100);
     EXPECT_EQ(err, replaced("varnock-device: " + row.err, path)) << context;
-    EXPECT_EQ(startup.status, row.status) << context;
+    EXPECT_EQ(startup.status, 2) << context;
     EXPECT_EQ(out, "") << context;
     EXPECT_TRUE(startup.devices.empty()) << context;
   }
@@ -131,27 +136,15 @@ TEST(DeviceInput, SiteFileAndDefaultsGiveEachDeviceItsFields) {
   std::vector<DeviceConfig> devices;
   ASSERT_EQ(parseSite("good.json", site, {0x7F000001, 0x0A000002}, 1, devices), "");
   ASSERT_EQ(devices.size(), 2u);
-  const DeviceConfig &a = devices[0], &b = devices[1];
-  EXPECT_EQ(std::vector<std::string>({addressText(a.address), uuidText(a.uuid), a.name,
-                                      a.softwareVersion, deviceTypeOf(a)}),
-            std::vector<std::string>(
-                {"127.0.0.1", "0102030405060708090a0b0c", "A", "2.0", "extender_fell"}));
-  EXPECT_EQ(std::vector<unsigned>({a.httpPort, a.httpDelayMs, a.morl, a.http, a.mdns}),
-            std::vector<unsigned>({8080, 5, false, true, true}));
-  EXPECT_EQ(std::vector<std::string>(
-                {addressText(b.address), b.name, b.softwareVersion, deviceTypeOf(b)}),
-            std::vector<std::string>({"10.0.0.2", "varnock-device", "2.0", ""}));
-  EXPECT_EQ(std::vector<unsigned>({b.morl, b.http, b.mdns}), std::vector<unsigned>({1, 0, 0}));
-  EXPECT_NE(uuidText(a.uuid), uuidText(b.uuid));
+  EXPECT_EQ(fields(devices[0]), "127.0.0.1 A 2.0 extender_fell :8080 +5ms http mdns");
+  EXPECT_EQ(fields(devices[1]), "10.0.0.2 varnock-device 2.0  :80 +0ms morl");
+  EXPECT_EQ(uuidText(devices[0].uuid), "0102030405060708090a0b0c");
+  EXPECT_NE(uuidText(devices[1].uuid), uuidText(devices[0].uuid));
 
   std::string out, err;
   const Startup startup = configureWith({}, "", "", out, err);
   EXPECT_EQ(startup.status, -1);
   ASSERT_EQ(startup.devices.size(), 1u);
-  const DeviceConfig& plain = startup.devices[0];
-  EXPECT_EQ(std::vector<std::string>({addressText(plain.address), plain.name, plain.softwareVersion,
-                                      deviceTypeOf(plain)}),
-            std::vector<std::string>({"0.0.0.0", "varnock-device", "1.0.0", "pallor_module"}));
-  EXPECT_EQ(std::vector<unsigned>({plain.morl, plain.http, plain.mdns, plain.httpPort}),
-            std::vector<unsigned>({1, 1, 1, 80}));
+  EXPECT_EQ(fields(startup.devices[0]),
+            "0.0.0.0 varnock-device 1.0.0 pallor_module :80 +0ms morl http mdns");
 }

@@ -89,10 +89,9 @@ def normal(out):
 class Runner:
     def __init__(self, build):
         self.build = os.path.abspath(build)
-        self.env = dict(os.environ, VARNOCK_BUILD=self.build, VARNOCK_WAIT="60")
-        self.env["PATH"] = f"{self.build}/app:{self.build}/device:{os.environ['PATH']}"
-        self.work = None
-        self.prefix = []
+        self.env = dict(os.environ, VARNOCK_BUILD=self.build, VARNOCK_WAIT="60",
+                        PATH=f"{self.build}/app:{self.build}/device:{os.environ['PATH']}")
+        self.work, self.prefix = None, []
         self.files = {}  # written into every new working directory
 
     def fresh_work(self):
@@ -194,8 +193,7 @@ def main(argv):
                 print(f"{where}: {'FAILED' if new else 'ok'} ({' '.join(words)})", flush=True)
     if runner:
         runner.clean()
-    for failure in failures:
-        print("\n" + failure)
+    print("".join("\n" + failure + "\n" for failure in failures), end="")
     if not listing:
         print(f"\n{ran} blocks run, {len(failures)} failed")
     return 1 if failures else 0

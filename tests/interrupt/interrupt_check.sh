@@ -1,16 +1,11 @@
 #!/usr/bin/env bash
-# Interruption check: starts the demo, the load check and the hostile soak (in
-# a session of their own, each building its LAN inside lab/lan/isolated.sh), sends
-# each a signal at a chosen moment, with `kill PID` or ("Ctrl-C") to its
-# process group as a terminal does, and checks that it ends within STOP s and
-# leaves nothing: no process of its session or of its PID namespace, no network
-# namespace (host `ip netns`, /run/netns), no veth link in the host, no file in
-# its TMPDIR, and net.core.rmem_max as it was. A load check killed with SIGKILL
-# leaves rmem_max raised (and the value to put back saved); the next one's
-# start puts it back. Prints a row for each, with the LAN programs that ran in
-# the script's namespace when the signal was sent. Needs root; a machine whose
-# rmem_max is at least 2 MiB has it lowered to the kernel's default for the
-# check.
+# Interruption check: starts the demo, the load check and the hostile soak (each
+# in a session of its own), signals each at a chosen moment with `kill PID` or,
+# as Ctrl-C does, to its process group, and checks that it ends within STOP s and
+# leaves no process, network namespace, host veth link, TMPDIR file or changed
+# net.core.rmem_max (a load check killed by SIGKILL leaves it raised, and saved
+# for the next one's start to put back). A machine whose rmem_max is at least
+# 2 MiB has it lowered to the kernel's default for the check. Needs root.
 #   tests/interrupt/interrupt_check.sh BUILD
 set -euo pipefail
 # shellcheck source=lab/lan/lib.sh

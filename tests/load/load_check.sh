@@ -1,16 +1,11 @@
 #!/usr/bin/env bash
-# Load check: on lab/lan/lib.sh's load LAN of 500 MORL devices and 100 mDNS/HTTP
-# devices, RUNS runs of `varnock -M 1 -T 1 --json` in the finder. Fails when a
-# run misses a device, when the finder's UDP receive buffers drop anything
-# during a run (RcvbufErrors of its namespace), or when the fastest run ends
-# more than BOUND s past its 1 s of waits.
+# Load check (docs/testing.md): RUNS runs of `varnock -M 1 -T 1 --json` among
+# lab/lan/lib.sh's 500 MORL and 100 mDNS/HTTP devices; fails on a missed device,
+# a drop in the finder's UDP receive buffers, or a fastest run ending more than
+# BOUND s past its waits. net.core.rmem_max below 2 MiB is raised for the check
+# and put back after it, or at the next check's start (the value is kept in /run).
+# One check runs at a time. Runs itself inside lab/lan/isolated.sh. Needs root.
 #   tests/load/load_check.sh [--runs N] BUILD
-# The MORL socket asks for 2 MiB and gets at most net.core.rmem_max, which is
-# one for the whole kernel: a host below 2 MiB has it raised for the check and
-# put back afterwards, or at the next check's start when a check was killed
-# (the value to put back is kept in /run, which, like the setting, a reboot
-# clears). One check runs at a time; another waits for it. Runs itself inside
-# lab/lan/isolated.sh. Needs root.
 set -euo pipefail
 # shellcheck source=lab/lan/lib.sh
 source "$(dirname "$0")/../../lab/lan/lib.sh"
@@ -22,12 +17,10 @@ need_root
 isolate --runs "$runs" "$build"
 
 MORL=500 MDNS=100
-# Over 20 checks (60 runs) on a 2-core machine at a load average of 23 to 65,
-# runs ended 0.10 to 0.33 s past their waits (median 0.155), the fastest of
-# three at most 0.19 s; a first run is often the slowest. The fastest run is
-# judged, since a fault slows every run and a load spike only some: BOUND is
-# 2.5 times the slowest "fastest of three" seen, and half of the 1 s that an
-# HTTP client polling every 300 ms instead of 10 ms adds.
+# Over 60 runs on a 2-core machine at a load average of 23 to 65, runs ended
+# 0.10 to 0.33 s past their waits, the fastest of three at most 0.19 s. A fault
+# slows every run, a load spike only some: BOUND is 2.5 times 0.19 s, and half
+# of the 1 s that an HTTP client polling every 300 ms instead of 10 ms adds.
 BOUND=0.5
 lan=load
 clean_up_on_exit

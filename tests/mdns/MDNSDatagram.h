@@ -21,8 +21,10 @@ inline Bytes name(const std::vector<std::string>& labels) {
   return out + Bytes{0};
 }
 inline Bytes pointer(unsigned offset) { return u16(0xC000 | offset); }
-/// Type, class IN, TTL 120, the data length (that of `data` unless given) and the data.
-inline Bytes record(unsigned type, const Bytes& data, int length = -1) {
-  return u16(type) + u16(1) + u16(0) + u16(120) + u16(length < 0 ? data.size() : length) + data;
+/// The owner, type, class, TTL, the data length (that of `data` unless given) and the data.
+inline Bytes record(unsigned type, const Bytes& data, int length = -1, unsigned ttl = 120,
+                    unsigned qclass = 1, const Bytes& owner = {}) {
+  return owner + u16(type) + u16(qclass) + u16(ttl >> 16) + u16(ttl) +
+         u16(length < 0 ? data.size() : length) + data;
 }
 inline Bytes question() { return name({"_http", "_tcp", "local"}) + u16(12) + u16(1); }

@@ -47,10 +47,7 @@ TEST(MdnsReply, RecordsTheSenderOncePerWellFormedRecord) {
       {"64LabelsEndingInAPointer", header(0, 1, 0, 0) + cut(labels(64), 128) + pointer(12) + A, 1},
   };
   // clang-format on
-  sockaddr_in from{};
-  from.sin_family = AF_INET;
-  from.sin_port = htons(kMdnsPort);
-  from.sin_addr.s_addr = inet_addr("192.168.1.20");
+  const sockaddr_in from{AF_INET, htons(kMdnsPort), {inet_addr("192.168.1.20")}, {}};
   const auto* sa = reinterpret_cast<const sockaddr*>(&from);
   for (const auto& [what, datagram, records] : replies) {
     // Exactly the datagram's size, so that AddressSanitizer sees any read past it.
@@ -107,9 +104,7 @@ TEST(MdnsDiscoverLan, RespondersGiveOneRecordPerAddressAndEveryReplyRestartsTheS
   ASSERT_GT(lan.startMdnsResponder(Lan::device(10), "dev10"), 0);
   ASSERT_TRUE(lan.enter(Lan::device(20)));
   const int responder = socket(AF_INET, SOCK_DGRAM, 0);
-  sockaddr_in any{};
-  any.sin_family = AF_INET;
-  any.sin_port = htons(kMdnsPort);
+  const sockaddr_in any{AF_INET, htons(kMdnsPort), {}, {}};
   ASSERT_EQ(bind(responder, reinterpret_cast<const sockaddr*>(&any), sizeof any), 0);
   const ip_mreq group{{htonl(kGroupIPv4)}, {inet_addr("10.0.0.20")}};
   ASSERT_EQ(setsockopt(responder, IPPROTO_IP, IP_ADD_MEMBERSHIP, &group, sizeof group), 0);

@@ -12,9 +12,8 @@
 namespace {
 
 std::string readSource(const std::string& path) {
-  std::ifstream in(VARNOCK_SOURCE_DIR "/" + path);
   std::stringstream text;
-  text << in.rdbuf();
+  text << std::ifstream(VARNOCK_SOURCE_DIR "/" + path).rdbuf();
   return text.str();
 }
 

@@ -163,11 +163,9 @@ const Row rows[] = {
 
     {"device", Disc, 6, Pending, InfoDev + Svc1 + Svc4 + Tame0,
      Response + "4" + Device + "extender_fell"},
-    {"type 0", Disc, 6, Pending, InfoDev + Svc0, Response + "2" + Device + "extender_dorn"},
+    // Types 0, 2 and 7: VarnockLan.EachRunPrintsExactlyWhatItsMethodsFind (--json).
     {"type 1", Disc, 6, Pending, InfoDev + Svc1, Response + "2" + Device + "extender_brask"},
-    {"type 2", Disc, 6, Pending, InfoDev + Svc2, Response + "2" + Device + "pallor_module"},
     {"type 3", Disc, 6, Pending, InfoDev + Svc3, Response + "2" + Device + "extender_quin"},
-    {"type 7", Disc, 6, Pending, InfoDev + Svc7, Response + "2" + Device + "uknown"},
     {"no service", Disc, 6, Pending, InfoDev + Tame0, Response + "2" + Device},
     {"no device info", Disc, 6, Pending, Svc3 + Tame0, Response + "2\nrecord |||extender_quin"},
     {"tame status first", Disc, 6, Pending, Tame0 + InfoDev + Svc1, Response + "3\nrecord |||"},

@@ -1,61 +1,35 @@
 #!/usr/bin/env bash
-# Hostile-LAN soak: `varnock -M 2 -T 3 --json` on a simulated LAN of five valid
-# devices while other hosts of the same LAN attack it for the whole run:
-#   d30  MORL packets to port 4792 (random, truncated, oversized, wrong CRC,
-#        length, sequence and destination, self-sourced; and 1 % well-formed
-#        requests that every node answers by broadcast), half to broadcast and
-#        half to the finder, MORL_RATE a second for the whole run;
-#   d31  malformed mDNS replies to the finder's query sockets, MDNS_RATE a
-#        second for FLOOD seconds, then silence; and, through a raw socket,
-#        well-formed replies from 2,000 spoofed addresses of the LAN's own
-#        /20 (10.0.4.1 on), which the finder then asks over HTTP all at once
-#        (permanent neighbour entries send those requests to d31, which drops
-#        them, so each one waits out its connect deadline);
-#   d20-d23  mDNS-announced HTTP hosts that answer garbage, close at once,
-#        answer one byte a second, or never answer.
-# Checks, for every run: exit status 0 and nothing on standard error (no
-# sanitizer report); exactly the five valid devices listed, with their exact
-# fields; the end within the waits plus the 15 s of HTTP deadlines after the
-# last mDNS flood packet (+1 s); peak RSS and peak threads within their bounds;
-# the attacks delivered (MORL rate >= 10,000/s, the spoofed records asked).
-# Each run also shows the UDP receive-buffer drops of the finder and of the
-# valid devices' site during the MORL wait and after it: a device that dropped
-# packets during the wait may have lost the finder's request.
-# One more run of the first build has its threads capped at THREAD_CAP (a PID
-# namespace's pid_max): request threads that cannot start are logged and
-# skipped, and the valid devices are still listed.
-# On a LAN each host has a CPU of its own; here they all share the machine's
-# cores (two, and other work), and a valid device starved of CPU drops the
-# finder's request from a receive queue full of attack packets, and an
-# attacker starved by the finder's thousands of request threads falls short of
-# its rate. So the valid devices run at a raised CPU priority (nice -10), the
-# attackers a little below them (-5) and the finder at the normal one. The
-# devices and attackers are those of the first build.
-# Runs itself inside lab/lan/isolated.sh; every packet stays inside the LAN it
-# builds. Needs root.
+# Hostile-LAN soak (docs/testing.md): `varnock -M 2 -T 3 --json` among five
+# valid devices (a site in d10) while d30 sends MORL junk (and 1 % well-formed
+# requests) at MORL_RATE a second, d31 malformed mDNS replies for FLOOD s and
+# replies from SPOOFED addresses of the /20 (10.0.4.1 on; their HTTP requests
+# go to d31, which drops them), and d20-d23 answer HTTP badly. Every run must
+# exit 0 with nothing on standard error, list exactly the valid devices, end
+# within the waits plus the 15 s of HTTP deadlines after the last mDNS flood
+# packet (+1 s), stay within the RSS and thread bounds, and see the attacks
+# delivered. One more run of the first build caps its threads at THREAD_CAP.
+# The hosts share the machine's cores, so the valid devices run at nice -10 and
+# the attackers at -5, lest a starved device drop the finder's request or a
+# starved attacker fall short of its rate. Runs itself inside
+# lab/lan/isolated.sh. Needs root. Builds with AddressSanitizer run with
+# ASAN_OPTIONS=detect_leaks=1:abort_on_error=1.
 #   tests/soak/hostile_soak.sh [--runs N] [--flood SECONDS] BUILD [BUILD...]
-# A build whose varnock was built with VARNOCK_SANITIZE_ADDRESS runs with
-# ASAN_OPTIONS=detect_leaks=1:abort_on_error=1; set LLVM_PROFILE_FILE for a
-# coverage build.
 set -euo pipefail
 # shellcheck source=lab/lan/lib.sh
 source "$(dirname "$0")/../../lab/lan/lib.sh"
 runs=5 flood=10
 while [ $# -gt 0 ]; do
-  case "$1" in
-    --runs) runs=$2; shift 2 ;;
-    --flood) flood=$2; shift 2 ;;
-    *) break ;;
-  esac
+  case "$1" in --runs) runs=$2 ;; --flood) flood=$2 ;; *) break ;; esac
+  shift 2
 done
 [ $# -ge 1 ] || die "usage: $0 [--runs N] [--flood SECONDS] BUILD [BUILD...]"
 need_root
 builds=()
-for b in "$@"; do builds+=("$(cd "$b" && pwd)"); done
-for b in "${builds[@]}"; do
+for b in "$@"; do
   for exe in app/varnock device/varnock-device lab/varnock-hostile; do
     [ -x "$b/$exe" ] || die "build $exe in $b first"
   done
+  builds+=("$(cd "$b" && pwd)")
 done
 isolate --runs "$runs" --flood "$flood" "${builds[@]}"
 
@@ -147,7 +121,7 @@ run() {  # BUILD LABEL CAP
     -T "$MORL_WAIT" --json "${verbose[@]}")
   [ "$cap" -gt 0 ] && cmd=(unshare --pid --fork --mount --mount-proc sh -c
     "echo $cap >/proc/sys/kernel/pid_max && exec \"\$@\"" sh "${cmd[@]}")
-  local start end
+  local start end p
   start=$(date +%s.%N)
   ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 \
     in_node "$lan" finder "${cmd[@]}" >"$out/out" 2>"$out/err" &
@@ -158,9 +132,7 @@ run() {  # BUILD LABEL CAP
   local sampler=$!
   wait "$runner" || true
   end=$(date +%s.%N)
-  wait "$sampler" || true
-  wait "$mid" || true
-  wait "$mdns_pid" || true
+  for p in "$sampler" "$mid" "$mdns_pid"; do wait "$p" || true; done
   kill -TERM "$morl_pid" 2>/dev/null || true
   wait "$morl_pid" || true
   local after status wall user sys rss threads last
