@@ -92,13 +92,13 @@ for i in "${!rows[@]}"; do
     seen=$(awk -v n="${ns:-x}" '$1 == n' <<<"$running" |
       grep -oE 'lan\.sh (up|down)|/(varnock|varnock-device|varnock-hostile|avahi-daemon) ' | tr -d '/ ' |
       sed 's/lan.sh/lan.sh /' | sort -u | paste -sd, - || true)
-    sleep "$STOP" &
-    timer=$!
-    wait -n -p first "$pid" "$timer" && status=0 || status=$?
+    # Polled rather than `wait -n`, which misses a child that bash reaped before it was called.
+    for ((k = 0; k < STOP * 50; k++)); do ended "$pid" && break; sleep 0.02; done
     stopped=$(awk -v a="$t0" -v b="$(date +%s.%N)" 'BEGIN { printf "%.2f s", b - a }')
-    kill "$timer" || true
+    status=-
+    if ended "$pid"; then wait "$pid" && status=0 || status=$?; fi
   } 2>/dev/null
-  [ "$first" = "$pid" ] || { leave "still running after ${STOP}s"; status=-; }
+  [ "$status" != - ] || leave "still running after ${STOP}s"
   lab_pids=()
   for _ in $(seq 40); do  # a SIGKILL ends the namespaces a moment later
     mapfile -t procs < <(ps -e -o pid=,sid=,pidns=,comm= | awk -v s="$pid" -v n="${ns:-x}" '$2 == s || $3 == n')
