@@ -6,14 +6,14 @@
 # varnock and varnock --json from the LAN's finder host, prints what they
 # print, and removes everything again. With --capture FILE, the finder's
 # traffic (MORL, mDNS and HTTP) is written to FILE as a pcap as well. With
-# --build DIR, it shows the binaries of the build tree DIR instead of building
-# build/. Needs root.
+# --build DIR (or VARNOCK_BUILD=DIR, as lab/lan/guide.sh takes it), it shows
+# the binaries of the build tree DIR instead of building build/. Needs root.
 #   scripts/demo.sh [--capture FILE] [--build DIR]
 set -euo pipefail
 # shellcheck source=lab/lan/lib.sh
 source "$(dirname "$0")/../lab/lan/lib.sh"
 root=$(cd "$(dirname "$0")/.." && pwd)
-args=("$@") capture="" bin=""
+args=("$@") capture="" bin=${VARNOCK_BUILD:+$(realpath "$VARNOCK_BUILD")}
 while [ $# -gt 0 ]; do
   case "$1" in
     --capture) capture=$(realpath -m "$2"); shift 2 ;;
