@@ -19,7 +19,8 @@
 #   e2e        the end-to-end LAN table in the build root (amd64 only)
 # then prints one table of the results with their figures and times, and
 # fails if any target failed. Needs root. The roots are cached in
-# /var/cache/varnock/roots, the compiler caches in /var/cache/varnock/ccache.
+# $VARNOCK_CACHE/roots, the compiler caches in $VARNOCK_CACHE/ccache
+# (VARNOCK_CACHE: /var/cache/varnock; another folder gives a cold run).
 #   scripts/platforms.sh [TARGET...]   TARGET: bookworm-amd64 trixie-amd64 bookworm-arm64 trixie-arm64
 set -euo pipefail
 # shellcheck source=lab/lib.sh
@@ -41,7 +42,8 @@ build_packages() {  # RELEASE
     dpkg-dev file lintian man-db iproute2 procps avahi-daemon dbus-daemon \
     crossbuild-essential-arm64 "$boost:arm64" libjsoncpp-dev:arm64 libgtest-dev:arm64 libgmock-dev:arm64
 }
-cache=/var/cache/varnock
+cache=${VARNOCK_CACHE:-/var/cache/varnock}
+export VARNOCK_ROOTS=$cache/roots
 out=$root/build-platform
 logdir=$out/logs
 host_arch=$(dpkg --print-architecture)
