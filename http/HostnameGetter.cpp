@@ -162,7 +162,9 @@ bool HostnameGetter::applyInfo(const std::string& body, Entry& entry) {
     if (data.isObject()) {
       Json::Value reduced(Json::objectValue);
       for (const char* key : kInfoKeys) {
-        const Json::Value& value = Json::Path(key).resolve(data);
+        // A named path: a reference resolved from a temporary one trips GCC 14's dangling check.
+        const Json::Path path(key);
+        const Json::Value& value = path.resolve(data);
         if (!value.isNull()) reduced[key] = value;
       }
       data = std::move(reduced);

@@ -5,7 +5,8 @@
 # again when it is missing or its package list changed; a lock keeps two
 # callers from making the same root at once. Roots are build and test
 # environments only: nothing in them reaches the network but apt.
-#   debian-root.sh RELEASE [NAME PACKAGE...]   makes the root if needed, prints its path
+#   debian-root.sh RELEASE [NAME PACKAGE...]   makes the root if needed, prints its path;
+#       PACKAGE:ARCH (libfoo-dev:arm64) installs a package of another architecture
 #   debian-root.sh --fresh RELEASE DIR          a new copy of RELEASE's minbase root at DIR
 #   debian-root.sh --run ROOT [--user] [--bind DIR]... COMMAND...
 #       runs COMMAND in ROOT with its own /proc, /dev and /tmp, each DIR at the same path;
@@ -38,6 +39,9 @@ run_in() {  # ROOT [--user] [--bind DIR]... COMMAND...
     set -e
     root=$1 user=$2 nbinds=$3; shift 3
     mount --make-rprivate /
+    # The root a mount point of its own, so that a command in it can make its mounts private
+    # (lab/isolated.sh does).
+    mount --rbind "$root" "$root"
     mount --rbind /dev "$root/dev"
     mount -t proc proc "$root/proc"
     mount -t tmpfs -o mode=1777 tmpfs "$root/tmp"
@@ -91,6 +95,11 @@ make_derived() {  # RELEASE NAME PACKAGE...
   echo "debian-root: making $name ($release: $*)" >&2
   cp -a "$roots/$release-minbase" "$dir.new"
   rm -f "$dir.new/.complete"
+  # PACKAGE:ARCH (a cross build's libraries) adds ARCH to the root's dpkg first.
+  local arch
+  for arch in $(printf '%s\n' "$@" | sed -n 's/^[^:]*:\([a-z0-9]*\)$/\1/p' | sort -u); do
+    run_in "$dir.new" dpkg --add-architecture "$arch"
+  done
   run_in "$dir.new" sh -c 'apt-get update -qq && DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "$@" >/dev/null' sh "$@"
   printf '%s\n' "$want" >"$dir.new/.packages"
   touch "$dir.new/.complete"
