@@ -75,7 +75,9 @@ report=$(lintian --display-info --pedantic --show-overrides --fail-on none "$deb
   lintian_status=$?
 printf '%s\n' "$report"
 check "lintian runs" 0 "$lintian_status"
-check "lintian tags not overridden" "" "$(grep -E '^[EWIPX]: ' <<<"$report" || true)"
+# The programs' override applies on some architectures only (packaging/lintian-overrides).
+check "lintian tags not overridden" "" "$(grep -E '^[EWIPX]: ' <<<"$report" |
+  grep -v '^I: varnock: unused-override spelling-error-in-binary uknown ' || true)"
 
 check "varnock --version" "Varnock CLI, current version" "$("$bin/varnock" --version)"
 check "varnock --help" "$("$builddir/app/varnock" --help)" "$("$bin/varnock" --help)"
