@@ -50,8 +50,6 @@ device() {  # HOST ARGS...: a varnock-device in dHOST that outlives this script,
   wait_ready "$state/d$1.log"
 }
 
-alive() { grep -qs '^State:[[:space:]]*[^Z[:space:]]' "/proc/$1/status"; }  # PID: a zombie is not
-
 port_holder() { on finder ss -Hulpn 'sport = :4792' | sed -n 's/.*pid=\([0-9]*\).*/\1/p' | head -n 1; }
 
 untentative() {  # waits until the finder has no tentative address

@@ -93,6 +93,8 @@ lab_clean_up() {  # runs to its end: signals are ignored, by what it runs too
   [ -z "$work" ] || rm -rf "$work"
 }
 
+alive() { grep -qs '^State:[[:space:]]*[^Z[:space:]]' "/proc/$1/status"; }  # PID: runs, and is no zombie
+
 stop_started() {  # TERM every process started by start_in or start_responder that still runs, by PID; waits for them
   local live=() pid running
   running=" $(jobs -p | tr '\n' ' ') "

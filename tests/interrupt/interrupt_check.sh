@@ -50,10 +50,7 @@ host_state() {  # the network namespaces and veth links of the host
   ip -o link show type veth | cut -d: -f2
 }
 
-ended() {  # PID: whether PID, a child, has ended
-  [ "$(sed 's/.*) //' "/proc/$1/stat" 2>/dev/null | cut -d' ' -f1)" != Z ] || return 0
-  [ ! -e "/proc/$1" ]
-}
+ended() { ! alive "$1"; }  # PID: whether PID, a child, has ended
 
 inner_ns() {  # PID: the PID namespace of the command that lab/lan/isolated.sh runs as PID, if it runs
   local unshare init
